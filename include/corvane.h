@@ -1,0 +1,125 @@
+#ifndef CORVANE_H
+#define CORVANE_H
+
+#include "corvaneglobal.h"
+#include "corvanetypes.h"
+
+#include <QtCore/qjsonarray.h>
+#include <QtCore/qobject.h>
+#include <QtCore/qstring.h>
+#include <QtCore/qurl.h>
+
+QT_BEGIN_NAMESPACE
+class QNetworkAccessManager;
+class QNetworkReply;
+QT_END_NAMESPACE
+
+// A client of the maker's back-end service: update check, release download, purchase plans,
+// PayPal checkout and usage events, over HTTP(S) with JSON.
+//
+// Set the server URL and the product code, connect to the signals, then call operations. Every
+// operation returns at once, and every call ends in exactly one signal: the operation's result
+// signal or networkError(), never both. A call that cannot be sent is refused: it emits
+// networkError() before it returns, sends nothing and changes nothing. A call that is sent
+// answers from the event loop, unless the object is destroyed first; then it emits nothing.
+//
+// Any number of calls may be in flight. Their signals come in the order in which the replies
+// finish, and no signal names the call that it answers. Two values are shared by overlapping
+// calls: see checkForUpdate() and downloadUpdate().
+//
+// Thread: use the object on the thread that it lives in, which needs a running event loop. All
+// signals are emitted there; receivers in other threads get them through queued connections.
+//
+// The library sets no time-out, retries nothing, keeps nothing on disk but downloads, and writes
+// no log. Redirects, proxies and TLS are what QNetworkAccessManager makes of them by default.
+class CORVANE_EXPORT Corvane : public QObject
+{
+    Q_OBJECT
+
+public:
+    // Sends nothing. The parent, if any, owns the object.
+    explicit Corvane(QObject *parent = nullptr);
+    // Abandons whatever is in flight, without a signal.
+    ~Corvane() override;
+
+    // The service's base URL; invalid until set. Stored as it is: nothing is checked before an
+    // operation needs it. Operations keep its scheme, user info, host and port, and replace its
+    // path. Requests already sent keep the URL that they were sent to.
+    void setServerUrl(const QUrl &url);
+    QUrl serverUrl() const;
+
+    // The product that this host is; empty until set. Held trimmed and in upper case, and answered
+    // so. Requests already sent keep the code that they were sent with.
+    void setProductCode(const QString &code);
+    QString productCode() const;
+
+    // Operations need a valid server URL and a product code. Without
+    // them they are refused with "Server URL o product code non configurati.".
+
+    // Asks which release is offered on the channel. Ends in updateChecked() or networkError().
+    // The version is compared with the release's when the reply arrives, and the object holds one:
+    // of overlapping checks, all are compared with the version given last.
+    void checkForUpdate(const QString &currentVersion, const QString &channel);
+
+Q_SIGNALS:
+    // The service answered a usage event. The message is the service's error text for the user. It
+    // is empty when the service sent none, except that a refusal with an HTTP error status then
+    // carries the network layer's text.
+    void usageSent(bool accepted, const QString &message);
+
+    // The service answered an update check. An answer without a usable release, a refusal in the
+    // body included, comes here too, with updateAvailable false; an HTTP error status does not.
+    void updateChecked(const UpdateInfo &update);
+
+    // A download was written to the path. The file is still open while directly connected slots
+    // run, its last bytes possibly unwritten: read or move it from a queued connection.
+    void updateDownloaded(const QString &destinationPath);
+
+    // The plans as the service sent them, which alone decides their members; empty when it sent
+    // no list.
+    void purchasePlansReceived(const QJsonArray &plans);
+
+    // The service answered a start or a resume, also with a refusal and an HTTP error status.
+    void purchaseStarted(const PurchaseStartInfo &purchase);
+
+    // The service answered a capture, also with a refusal and an HTTP error status.
+    void purchaseCaptured(const PurchaseCaptureInfo &capture);
+
+    // A call was refused (during the call, with one of the Italian texts above), its transfer
+    // failed (later, with the network layer's text), or its download could not be saved (later,
+    // "Impossibile salvare aggiornamento."). HTTP error statuses count as failed transfers, but
+    // usage events and purchase calls whose failed reply has a body end in their own signal.
+    void networkError(const QString &message);
+
+private:
+    // What a request asked for, so that handleReply() knows what its reply means.
+    enum Operation {
+        Usage,
+        UpdateCheck,
+        UpdateDownload,
+        PurchasePlans,
+        PurchaseStart,
+        PurchaseResume,
+        PurchaseCapture
+    };
+
+    bool checkConfiguration();
+    QUrl endpoint(const QString &path) const;
+    void connectReply(QNetworkReply *reply, Operation operation);
+    void handleReply(QNetworkReply *reply, Operation operation);
+    UpdateInfo parseUpdate(const QJsonObject &reply, const QString &currentVersion) const;
+
+    // There is no d-pointer: the fields are part of the ABI. They stay last and in this order.
+
+    // A child of this object; all requests go through it. Never null.
+    QNetworkAccessManager *m_network;
+    QUrl m_serverUrl;
+    // Trimmed and in upper case.
+    QString m_productCode;
+    // The version of the most recent update check and the path of the most recent download,
+    // refused calls excepted. Replies read them when they arrive; no request has a copy.
+    QString m_currentVersion;
+    QString m_downloadPath;
+};
+
+#endif // CORVANE_H

@@ -1,0 +1,51 @@
+#include "corvane.h"
+
+#include <QtCore/qjsondocument.h>
+#include <QtNetwork/qnetworkreply.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+// Whatever is not a JSON object reads as an empty one; the operation decides what that means.
+QJsonObject objectFrom(const QByteArray &body)
+{
+    return QJsonDocument::fromJson(body).object();
+}
+
+} // namespace
+
+// Every request, GET or POST, is tied to the dispatcher here and nowhere else. This object is the
+// connection's context, so that a reply which outlives it calls nothing.
+void Corvane::connectReply(QNetworkReply *reply, Operation operation)
+{
+    connect(reply, &QNetworkReply::finished, this,
+            [this, reply, operation] { handleReply(reply, operation); });
+}
+
+// Turns one finished reply into exactly one signal. The network layer's error code alone decides
+// what a success is.
+void Corvane::handleReply(QNetworkReply *reply, Operation operation)
+{
+    const QByteArray body = reply->readAll();
+    const bool success = reply->error() == QNetworkReply::NoError;
+    reply->deleteLater();
+
+    if (!success) {
+        Q_EMIT networkError(reply->errorString());
+        return;
+    }
+
+    switch (operation) {
+    case UpdateCheck:
+        Q_EMIT updateChecked(parseUpdate(objectFrom(body), m_currentVersion));
+        break;
+    case Usage:
+    case UpdateDownload:
+    case PurchasePlans:
+    case PurchaseStart:
+    case PurchaseResume:
+    case PurchaseCapture:
+        break;
+    }
+}

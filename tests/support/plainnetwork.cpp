@@ -1,0 +1,59 @@
+#include "plainnetwork.h"
+
+#include <QtNetwork/qnetworkaccessmanager.h>
+#include <QtNetwork/qnetworkreply.h>
+#include <QtNetwork/qnetworkrequest.h>
+#include <QtTest/qsignalspy.h>
+
+#include <memory>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+bool hasHeader(const LoopbackServer::Request &request, const QByteArray &name)
+{
+    return !request.header(name).isNull();
+}
+
+QNetworkReply *send(QNetworkAccessManager &network, const QUrl &url,
+                    const LoopbackServer::Request &like)
+{
+    QNetworkRequest request(url);
+    if (like.method == "GET")
+        return network.get(request);
+    // Without a type the network layer would warn.
+    request.setHeader(QNetworkRequest::ContentTypeHeader, "text/plain"_L1);
+    return network.post(request, like.body);
+}
+
+} // namespace
+
+PlainNetwork::Answer PlainNetwork::ask(LoopbackServer &server, const LoopbackServer::Request &like,
+                                       const QByteArray &response, LoopbackServer::After after)
+{
+    // A connection of its own, so that nothing depends on what went before.
+    QNetworkAccessManager network;
+    server.script(response, after);
+    const QUrl url = server.url().resolved(QUrl::fromEncoded(like.target));
+    const std::unique_ptr<QNetworkReply> reply(send(network, url, like));
+    QSignalSpy finished(reply.get(), &QNetworkReply::finished);
+    if (!finished.wait(10000))
+        qFatal("The plain request did not finish");
+    return {server.requests().constLast(), reply->errorString()};
+}
+
+QByteArray PlainNetwork::ownPart(LoopbackServer &server, const LoopbackServer::Request &request)
+{
+    const LoopbackServer::Request plain = ask(server, request).request;
+    QByteArray text = request.method + ' ' + request.target + '\n';
+    for (const auto &[name, value] : request.headers) {
+        if (!hasHeader(plain, name) || plain.header(name) != value)
+            text += name + ": " + value + '\n';
+    }
+    for (const auto &[name, value] : plain.headers) {
+        if (!hasHeader(request, name))
+            text += '-' + name + '\n';
+    }
+    return text + '\n' + request.body;
+}

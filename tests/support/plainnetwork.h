@@ -1,0 +1,31 @@
+#ifndef PLAINNETWORK_H
+#define PLAINNETWORK_H
+
+#include "loopbackserver.h"
+
+#include <QtCore/qstring.h>
+
+// What a plain QNetworkAccessManager, told nothing, makes of things. The network layer decides
+// default headers and error texts, and they differ between its versions: tests ask it.
+namespace PlainNetwork {
+
+struct Answer
+{
+    LoopbackServer::Request request; // as it arrived
+    QString errorString;
+};
+
+// Sends the method, target and body of a recorded request once more to the server, which answers
+// with these bytes.
+Answer ask(LoopbackServer &server, const LoopbackServer::Request &like,
+           const QByteArray &response = LoopbackServer::response(200, "{}"),
+           LoopbackServer::After after = LoopbackServer::KeepOpen);
+
+// What the client itself put into a recorded request: method and target, the headers that a plain
+// request to the same place does not have or has with another value (and "-Name" for those that
+// it alone has), an empty line, the body.
+QByteArray ownPart(LoopbackServer &server, const LoopbackServer::Request &request);
+
+} // namespace PlainNetwork
+
+#endif // PLAINNETWORK_H

@@ -1,0 +1,527 @@
+#include "host.h"
+
+#include <QtCore/qmetaobject.h>
+#include <QtCore/qregularexpression.h>
+#include <QtCore/qthread.h>
+#include <QtNetwork/qnetworkaccessmanager.h>
+#include <QtNetwork/qnetworkreply.h>
+#include <QtTest/qsignalspy.h>
+#include <QtTest/qtest.h>
+
+#include <type_traits>
+
+using namespace Qt::StringLiterals;
+
+// The object itself: construction, configuration, meta-object, lifetime, threads.
+class tst_Corvane : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void startsUnconfigured();
+    void belongsToItsParent();
+    void ownsOneNetworkAccessManager();
+    void keepsServerUrlUnchanged_data();
+    void keepsServerUrlUnchanged();
+    void normalisesProductCode_data();
+    void normalisesProductCode();
+    void settersEmitNothing();
+    void sentRequestKeepsItsConfiguration();
+    void twoClientsShareNothing();
+    void metaObjectHoldsTheSevenSignalsAlone();
+    void metaCallEmitsTheSignalOfItsIndex_data();
+    void metaCallEmitsTheSignalOfItsIndex();
+    void registersArgumentTypesOfTheRecords();
+    void castsToItsOwnName();
+    void registersRecordsByName();
+    void recordsStartAtTheirDefaults();
+    void recordsKeepTheirFieldOrder();
+    void internalMembersArePrivate();
+    void destructionDropsRequestsInFlight();
+    void parentDestructionDropsRequestsInFlight();
+    void slotMayDestroyTheClient();
+    void slotMayCallAgain();
+    void answersOnTheThreadItLivesOn();
+    void deliversRecordsToAnotherThread();
+};
+
+namespace {
+
+// Whether a member can be named from outside the class.
+#define CAN_NAME(member) \
+    template <typename T, typename = void> struct CanName_##member : std::false_type \
+    { \
+    }; \
+    template <typename T> \
+    struct CanName_##member<T, std::void_t<decltype(&T::member)>> : std::true_type \
+    { \
+    };
+CAN_NAME(serverUrl)
+CAN_NAME(postJson)
+CAN_NAME(handleReply)
+CAN_NAME(parseUpdate)
+CAN_NAME(parsePurchaseStart)
+CAN_NAME(parsePurchaseCapture)
+CAN_NAME(m_network)
+CAN_NAME(m_serverUrl)
+CAN_NAME(m_productCode)
+CAN_NAME(m_currentVersion)
+CAN_NAME(m_downloadPath)
+
+template <typename T, typename = void> struct CanNameOperation : std::false_type
+{
+};
+template <typename T>
+struct CanNameOperation<T, std::void_t<typename T::Operation>> : std::true_type
+{
+};
+
+const QByteArray offer = R"({"success":true,"release":{"version":"2"}})";
+
+UpdateInfo offerFrom(const QString &currentVersion)
+{
+    UpdateInfo update;
+    update.updateAvailable = true;
+    update.currentVersion = currentVersion;
+    update.latestVersion = u"2"_s;
+    update.raw = {{u"success"_s, true}, {u"release"_s, QJsonObject{{u"version"_s, u"2"_s}}}};
+    return update;
+}
+
+} // namespace
+
+void tst_Corvane::init()
+{
+    QTest::failOnWarning(QRegularExpression(u".*"_s));
+}
+
+void tst_Corvane::startsUnconfigured()
+{
+    const Corvane client;
+    QCOMPARE(client.serverUrl(), QUrl());
+    QVERIFY(!client.serverUrl().isValid());
+    QCOMPARE(client.productCode(), QString());
+    QVERIFY(!client.parent());
+}
+
+void tst_Corvane::belongsToItsParent()
+{
+    QObject parent;
+    auto *client = new Corvane(&parent);
+    QCOMPARE(client->parent(), &parent);
+    static_assert(!std::is_convertible_v<QObject *, Corvane>, "no conversion from a parent");
+    static_assert(!std::is_copy_constructible_v<Corvane> && !std::is_copy_assignable_v<Corvane>);
+}
+
+void tst_Corvane::ownsOneNetworkAccessManager()
+{
+    Host host;
+    const auto managers = host.client.findChildren<QNetworkAccessManager *>();
+    QCOMPARE(managers.size(), 1);
+    QCOMPARE(managers.constFirst()->parent(), &host.client);
+
+    host.client.checkForUpdate(u"1"_s, u"stable"_s);
+    host.client.checkForUpdate(u"1"_s, u"stable"_s);
+    QCOMPARE(managers.constFirst()->findChildren<QNetworkReply *>().size(), 2);
+}
+
+void tst_Corvane::keepsServerUrlUnchanged_data()
+{
+    QTest::addColumn<QUrl>("url");
+
+    QTest::newRow("plain") << QUrl(u"https://example.org"_s);
+    QTest::newRow("whole") << QUrl(u"https://user:pw@example.org:8443/base/?q=1#f"_s);
+    QTest::newRow("invalid") << QUrl(u"http://[bad"_s);
+    QTest::newRow("relative") << QUrl(u" a/../b "_s);
+    QTest::newRow("empty") << QUrl();
+}
+
+void tst_Corvane::keepsServerUrlUnchanged()
+{
+    QFETCH(QUrl, url);
+
+    Corvane client;
+    client.setServerUrl(QUrl(u"http://before.example"_s));
+    client.setServerUrl(url);
+    QCOMPARE(client.serverUrl(), url);
+    QCOMPARE(client.serverUrl().errorString(), url.errorString());
+}
+
+void tst_Corvane::normalisesProductCode_data()
+{
+    QTest::addColumn<QString>("code");
+    QTest::addColumn<QString>("held");
+
+    QTest::newRow("as-it-is") << u"DEMO"_s << u"DEMO"_s;
+    QTest::newRow("blanks-and-case") << u"  ab-12x \n"_s << u"AB-12X"_s;
+    QTest::newRow("unicode-spaces") << u"\u2003\u00A0ab\t\u3000"_s << u"AB"_s;
+    QTest::newRow("inner-blank-kept") << u" a b "_s << u"A B"_s;
+    QTest::newRow("full-upper-casing") << u"stra\u00DFe \uFB01"_s << u"STRASSE FI"_s;
+    QTest::newRow("outside-the-basic-plane") << u"\U00010428"_s << u"\U00010400"_s;
+    QTest::newRow("blanks-only") << u" \t\r\n "_s << QString(u""_s);
+    QTest::newRow("empty") << QString() << QString();
+}
+
+void tst_Corvane::normalisesProductCode()
+{
+    QFETCH(QString, code);
+    QFETCH(QString, held);
+
+    Corvane client;
+    client.setProductCode(u"BEFORE"_s);
+    client.setProductCode(code);
+    QCOMPARE(client.productCode(), held);
+}
+
+void tst_Corvane::settersEmitNothing()
+{
+    Corvane client;
+    SignalLog log(&client);
+    QSignalSpy renamed(&client, &QObject::objectNameChanged);
+    client.setServerUrl(QUrl(u"http://[bad"_s));
+    client.setServerUrl(QUrl(u"http://127.0.0.1"_s));
+    client.setProductCode(QString());
+    client.setProductCode(u"DEMO"_s);
+    QCoreApplication::processEvents();
+    QCOMPARE(log.lines(), QStringList());
+    QVERIFY(renamed.isEmpty());
+}
+
+void tst_Corvane::sentRequestKeepsItsConfiguration()
+{
+    Host host;
+    host.client.checkForUpdate(u"1"_s, u"stable"_s);
+    host.client.setServerUrl(QUrl());
+    host.client.setProductCode(u"OTHER"_s);
+    QVERIFY(host.server.waitForRequests(1));
+    QVERIFY(host.server.requests().constFirst().target.startsWith("/api/v1/releases/latest/DEMO?"));
+    host.server.reply(0, LoopbackServer::response(200, offer));
+    QCOMPARE(host.log.settled(), QStringList{SignalLog::updateChecked(offerFrom(u"1"_s))});
+}
+
+void tst_Corvane::twoClientsShareNothing()
+{
+    Host first;
+    Host second;
+    second.client.setProductCode(u"SECOND"_s);
+    QCOMPARE(first.client.productCode(), u"DEMO"_s);
+    QVERIFY(first.client.serverUrl() != second.client.serverUrl());
+
+    first.client.checkForUpdate(u"1"_s, u"stable"_s);
+    second.client.checkForUpdate(u"2"_s, u"stable"_s);
+    QVERIFY(first.server.waitForRequests(1));
+    QVERIFY(second.server.waitForRequests(1));
+    first.server.reply(0, LoopbackServer::response(200, offer));
+    QCOMPARE(first.log.settled(), QStringList{SignalLog::updateChecked(offerFrom(u"1"_s))});
+    QCOMPARE(second.log.lines(), QStringList());
+}
+
+void tst_Corvane::metaObjectHoldsTheSevenSignalsAlone()
+{
+    const QMetaObject &meta = Corvane::staticMetaObject;
+    QCOMPARE(meta.className(), "Corvane");
+    QCOMPARE(meta.superClass(), &QObject::staticMetaObject);
+    QCOMPARE(Corvane().metaObject(), &meta);
+
+    QByteArrayList methods;
+    for (int index = meta.methodOffset(); index < meta.methodCount(); ++index) {
+        const QMetaMethod method = meta.method(index);
+        QCOMPARE(method.methodType(), QMetaMethod::Signal);
+        QCOMPARE(method.access(), QMetaMethod::Public);
+        QCOMPARE(method.returnMetaType(), QMetaType::fromType<void>());
+        methods.append(method.methodSignature() + ' ' + method.parameterNames().join(','));
+    }
+    const QByteArrayList expected{
+        "usageSent(bool,QString) accepted,message",
+        "updateChecked(UpdateInfo) update",
+        "updateDownloaded(QString) destinationPath",
+        "purchasePlansReceived(QJsonArray) plans",
+        "purchaseStarted(PurchaseStartInfo) purchase",
+        "purchaseCaptured(PurchaseCaptureInfo) capture",
+        "networkError(QString) message",
+    };
+    QCOMPARE(methods, expected);
+    QCOMPARE(meta.propertyCount(), meta.propertyOffset());
+    QCOMPARE(meta.enumeratorCount(), meta.enumeratorOffset());
+    QCOMPARE(meta.classInfoCount(), meta.classInfoOffset());
+    QCOMPARE(meta.constructorCount(), 0);
+
+    const int offset = meta.methodOffset();
+    QCOMPARE(QMetaMethod::fromSignal(&Corvane::usageSent).methodIndex(), offset);
+    QCOMPARE(QMetaMethod::fromSignal(&Corvane::updateChecked).methodIndex(), offset + 1);
+    QCOMPARE(QMetaMethod::fromSignal(&Corvane::updateDownloaded).methodIndex(), offset + 2);
+    QCOMPARE(QMetaMethod::fromSignal(&Corvane::purchasePlansReceived).methodIndex(), offset + 3);
+    QCOMPARE(QMetaMethod::fromSignal(&Corvane::purchaseStarted).methodIndex(), offset + 4);
+    QCOMPARE(QMetaMethod::fromSignal(&Corvane::purchaseCaptured).methodIndex(), offset + 5);
+    QCOMPARE(QMetaMethod::fromSignal(&Corvane::networkError).methodIndex(), offset + 6);
+}
+
+void tst_Corvane::metaCallEmitsTheSignalOfItsIndex_data()
+{
+    QTest::addColumn<int>("index");
+    QTest::addColumn<QVariantList>("arguments");
+    QTest::addColumn<QString>("line");
+
+    PurchaseStartInfo purchase;
+    purchase.paymentId = 7;
+    PurchaseCaptureInfo capture;
+    capture.licenseId = 8;
+    const QJsonArray plans{1, 2};
+    const UpdateInfo update = offerFrom(u"1"_s);
+    QTest::newRow("usageSent") << 0 << QVariantList{true, u"m"_s}
+                               << SignalLog::usageSent(true, u"m"_s);
+    QTest::newRow("updateChecked")
+        << 1 << QVariantList{QVariant::fromValue(update)} << SignalLog::updateChecked(update);
+    QTest::newRow("updateDownloaded")
+        << 2 << QVariantList{u"p"_s} << SignalLog::updateDownloaded(u"p"_s);
+    QTest::newRow("purchasePlansReceived")
+        << 3 << QVariantList{QVariant(plans)} << SignalLog::purchasePlansReceived(plans);
+    QTest::newRow("purchaseStarted")
+        << 4 << QVariantList{QVariant::fromValue(purchase)} << SignalLog::purchaseStarted(purchase);
+    QTest::newRow("purchaseCaptured")
+        << 5 << QVariantList{QVariant::fromValue(capture)} << SignalLog::purchaseCaptured(capture);
+    QTest::newRow("networkError") << 6 << QVariantList{u"e"_s} << SignalLog::networkError(u"e"_s);
+}
+
+void tst_Corvane::metaCallEmitsTheSignalOfItsIndex()
+{
+    QFETCH(int, index);
+    QFETCH(QVariantList, arguments);
+    QFETCH(QString, line);
+
+    Corvane client;
+    SignalLog log(&client);
+    QList<void *> pointers{nullptr};
+    for (QVariant &argument : arguments)
+        pointers.append(argument.data());
+    QMetaObject::metacall(&client, QMetaObject::InvokeMetaMethod,
+                          Corvane::staticMetaObject.methodOffset() + index, pointers.data());
+    QCOMPARE(log.lines(), QStringList{line});
+}
+
+void tst_Corvane::registersArgumentTypesOfTheRecords()
+{
+    const auto registered = [](int index, int argument) {
+        Corvane client;
+        QMetaType type;
+        void *arguments[] = {&type, &argument};
+        QMetaObject::metacall(&client, QMetaObject::RegisterMethodArgumentMetaType,
+                              Corvane::staticMetaObject.methodOffset() + index, arguments);
+        return type;
+    };
+    QCOMPARE(registered(0, 0), QMetaType());
+    QCOMPARE(registered(0, 1), QMetaType());
+    QCOMPARE(registered(1, 0), QMetaType::fromType<UpdateInfo>());
+    QCOMPARE(registered(2, 0), QMetaType());
+    QCOMPARE(registered(3, 0), QMetaType());
+    QCOMPARE(registered(4, 0), QMetaType::fromType<PurchaseStartInfo>());
+    QCOMPARE(registered(5, 0), QMetaType::fromType<PurchaseCaptureInfo>());
+    QCOMPARE(registered(6, 0), QMetaType());
+}
+
+void tst_Corvane::castsToItsOwnName()
+{
+    Corvane client;
+    QCOMPARE(client.qt_metacast("Corvane"), static_cast<void *>(&client));
+    QCOMPARE(client.qt_metacast("QObject"), static_cast<void *>(static_cast<QObject *>(&client)));
+    QCOMPARE(client.qt_metacast("corvane"), nullptr);
+    QCOMPARE(client.qt_metacast(nullptr), nullptr);
+}
+
+// Run alone, this also proves that construction registers: nothing else in this program names the
+// types at run time before.
+void tst_Corvane::registersRecordsByName()
+{
+    const Corvane first;
+    const Corvane second;
+    QCOMPARE(QMetaType::fromName("UpdateInfo"), QMetaType::fromType<UpdateInfo>());
+    QCOMPARE(QMetaType::fromName("PurchaseStartInfo"), QMetaType::fromType<PurchaseStartInfo>());
+    QCOMPARE(QMetaType::fromName("PurchaseCaptureInfo"),
+             QMetaType::fromType<PurchaseCaptureInfo>());
+    QVERIFY(QMetaType::fromName("UpdateInfo").isValid());
+}
+
+void tst_Corvane::recordsStartAtTheirDefaults()
+{
+    QCOMPARE(SignalLog::updateChecked({}), uR"(updateChecked [false,"","","","","","","",{}])"_s);
+    QCOMPARE(SignalLog::purchaseStarted({}), uR"(purchaseStarted [false,0,0,"","","","",{}])"_s);
+    QCOMPARE(SignalLog::purchaseCaptured({}), uR"(purchaseCaptured [false,0,"",{}])"_s);
+}
+
+void tst_Corvane::recordsKeepTheirFieldOrder()
+{
+    const UpdateInfo update{true, u"a"_s, u"b"_s, u"c"_s, u"d"_s, u"e"_s, u"f"_s, u"g"_s, {}};
+    QCOMPARE(update.productCode + update.currentVersion + update.latestVersion + update.downloadUrl
+                 + update.stableDownloadUrl + update.sha256 + update.notes,
+             u"abcdefg"_s);
+    const PurchaseStartInfo purchase{true, 1, 2, u"a"_s, u"b"_s, u"c"_s, u"d"_s, {}};
+    QCOMPARE(purchase.paymentId, 1);
+    QCOMPARE(purchase.licenseId, 2);
+    QCOMPARE(purchase.licenseKey + purchase.paypalOrderId + purchase.approvalUrl + purchase.message,
+             u"abcd"_s);
+    const PurchaseCaptureInfo capture{true, 1, u"a"_s, {}};
+    QCOMPARE(capture.licenseId, 1);
+    QCOMPARE(capture.message, u"a"_s);
+    static_assert(std::is_same_v<decltype(purchase.paymentId), int>);
+}
+
+void tst_Corvane::internalMembersArePrivate()
+{
+    QVERIFY(CanName_serverUrl<Corvane>()); // that the question can be answered with yes
+    QVERIFY(!CanNameOperation<Corvane>());
+    QVERIFY(!CanName_postJson<Corvane>());
+    QVERIFY(!CanName_handleReply<Corvane>());
+    QVERIFY(!CanName_parseUpdate<Corvane>());
+    QVERIFY(!CanName_parsePurchaseStart<Corvane>());
+    QVERIFY(!CanName_parsePurchaseCapture<Corvane>());
+    QVERIFY(!CanName_m_network<Corvane>());
+    QVERIFY(!CanName_m_serverUrl<Corvane>());
+    QVERIFY(!CanName_m_productCode<Corvane>());
+    QVERIFY(!CanName_m_currentVersion<Corvane>());
+    QVERIFY(!CanName_m_downloadPath<Corvane>());
+}
+
+void tst_Corvane::destructionDropsRequestsInFlight()
+{
+    LoopbackServer server;
+    QStringList lines;
+    {
+        Corvane client;
+        SignalLog log(&client);
+        client.setServerUrl(server.url());
+        client.setProductCode(u"DEMO"_s);
+        for (int i = 0; i < 3; ++i)
+            client.checkForUpdate(u"1"_s, u"stable"_s);
+        QVERIFY(server.waitForRequests(3));
+        server.reply(0, LoopbackServer::response(200, offer)); // not read yet
+        lines = log.lines();
+    }
+    server.reply(1, LoopbackServer::response(200, offer));
+    // A second client's whole round trip gives anything left of the first time to show.
+    Host other;
+    other.server.script(LoopbackServer::response(200, offer));
+    other.client.checkForUpdate(u"1"_s, u"stable"_s);
+    QCOMPARE(other.log.settled().size(), 1);
+    QCOMPARE(lines, QStringList());
+}
+
+void tst_Corvane::parentDestructionDropsRequestsInFlight()
+{
+    LoopbackServer server;
+    auto parent = std::make_unique<QObject>();
+    auto *client = new Corvane(parent.get());
+    client->setServerUrl(server.url());
+    client->setProductCode(u"DEMO"_s);
+    int emitted = 0;
+    connect(client, &Corvane::networkError, this, [&emitted] { ++emitted; });
+    connect(client, &Corvane::updateChecked, this, [&emitted] { ++emitted; });
+    client->checkForUpdate(u"1"_s, u"stable"_s);
+    QVERIFY(server.waitForRequests(1));
+    QPointer<QNetworkReply> reply = client->findChild<QNetworkReply *>();
+    parent.reset();
+    QVERIFY(!reply);
+    QCOMPARE(emitted, 0);
+}
+
+void tst_Corvane::slotMayDestroyTheClient()
+{
+    LoopbackServer server;
+    auto *client = new Corvane;
+    client->setServerUrl(server.url());
+    client->setProductCode(u"DEMO"_s);
+    int emitted = 0;
+    QSignalSpy destroyed(client, &QObject::destroyed);
+    connect(client, &Corvane::updateChecked, this, [&emitted, client] {
+        ++emitted;
+        client->deleteLater();
+    });
+    server.script(LoopbackServer::response(200, offer));
+    client->checkForUpdate(u"1"_s, u"stable"_s);
+    QVERIFY(destroyed.wait());
+    QCOMPARE(emitted, 1);
+}
+
+void tst_Corvane::slotMayCallAgain()
+{
+    Host host;
+    connect(&host.client, &Corvane::updateChecked, &host.client, [&host](const UpdateInfo &update) {
+        if (update.currentVersion == "1"_L1)
+            host.client.checkForUpdate(u"2"_s, u"stable"_s);
+    });
+    host.server.script(LoopbackServer::response(200, offer));
+    host.server.script(LoopbackServer::response(200, "{}"));
+    host.client.checkForUpdate(u"1"_s, u"stable"_s);
+
+    UpdateInfo second;
+    second.currentVersion = u"2"_s;
+    QCOMPARE(host.log.settled(),
+             (QStringList{SignalLog::updateChecked(offerFrom(u"1"_s)),
+                          SignalLog::updateChecked(second)}));
+}
+
+void tst_Corvane::answersOnTheThreadItLivesOn()
+{
+    LoopbackServer server;
+    QThread thread;
+    auto *client = new Corvane;
+    client->setServerUrl(server.url());
+    client->setProductCode(u"DEMO"_s);
+    client->moveToThread(&thread);
+    connect(&thread, &QThread::finished, client, &QObject::deleteLater);
+    QThread *emittedOn = nullptr;
+    connect(
+        client, &Corvane::updateChecked, client,
+        [&emittedOn] { emittedOn = QThread::currentThread(); }, Qt::DirectConnection);
+    QSignalSpy checked(client, &Corvane::updateChecked);
+    server.script(LoopbackServer::response(200, offer));
+    thread.start();
+    QMetaObject::invokeMethod(client, [client] { client->checkForUpdate(u"1"_s, u"stable"_s); });
+
+    QVERIFY(checked.wait());
+    QCOMPARE(emittedOn, &thread);
+    thread.quit();
+    QVERIFY(thread.wait());
+}
+
+void tst_Corvane::deliversRecordsToAnotherThread()
+{
+    QThread thread;
+    QObject receiver;
+    receiver.moveToThread(&thread);
+    thread.start();
+
+    UpdateInfo update = offerFrom(u"1"_s);
+    PurchaseStartInfo purchase;
+    purchase.licenseKey = u"K"_s;
+    purchase.raw = {{u"a"_s, 1}};
+    PurchaseCaptureInfo capture;
+    capture.message = u"m"_s;
+    capture.raw = {{u"b"_s, 2}};
+
+    Corvane client;
+    QStringList lines; // written on the other thread, read when that has ended
+    connect(&client, &Corvane::updateChecked, &receiver, [&](const UpdateInfo &value) {
+        lines += QString::number(QThread::currentThread() == &thread);
+        lines += SignalLog::updateChecked(value);
+    });
+    connect(&client, &Corvane::purchaseStarted, &receiver,
+            [&](const PurchaseStartInfo &value) { lines += SignalLog::purchaseStarted(value); });
+    connect(&client, &Corvane::purchaseCaptured, &receiver, [&](const PurchaseCaptureInfo &value) {
+        lines += SignalLog::purchaseCaptured(value);
+        thread.quit();
+    });
+    Q_EMIT client.updateChecked(update);
+    Q_EMIT client.purchaseStarted(purchase);
+    Q_EMIT client.purchaseCaptured(capture);
+    const QStringList expected{u"1"_s, SignalLog::updateChecked(update),
+                               SignalLog::purchaseStarted(purchase),
+                               SignalLog::purchaseCaptured(capture)};
+    // What was sent is a copy: changing the original changes nothing.
+    update.notes = u"changed"_s;
+    QVERIFY(thread.wait());
+    QCOMPARE(lines, expected);
+}
+
+QTEST_GUILESS_MAIN(tst_Corvane)
+#include "tst_corvane.moc"

@@ -1,0 +1,160 @@
+#include "loopbackserver.h"
+#include "plainnetwork.h"
+
+#include <QtCore/qregularexpression.h>
+#include <QtNetwork/qtcpsocket.h>
+#include <QtTest/qsignalspy.h>
+#include <QtTest/qtest.h>
+
+using namespace Qt::StringLiterals;
+
+// The server that all other tests trust.
+class tst_LoopbackServer : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void recordsRequestExactly();
+    void recordsRequestThatArrivesInPieces();
+    void recordsPipelinedRequestsOneByOne();
+    void answersByteForByteInScriptOrder();
+    void holdsRequestUntilReplied();
+    void saysWhenRequestsDoNotCome();
+    void ownPartLeavesOutWhatAPlainRequestHas();
+    void ownPartNamesWhatOnlyAPlainRequestHas();
+
+private:
+    static void connectTo(QTcpSocket &socket, const LoopbackServer &server);
+    static QByteArray readUntilClosed(QTcpSocket &socket);
+};
+
+void tst_LoopbackServer::init()
+{
+    QTest::failOnWarning(QRegularExpression(u".*"_s));
+}
+
+void tst_LoopbackServer::connectTo(QTcpSocket &socket, const LoopbackServer &server)
+{
+    QSignalSpy connected(&socket, &QTcpSocket::connected);
+    socket.connectToHost(server.url().host(), static_cast<quint16>(server.url().port()));
+    QVERIFY(connected.wait());
+}
+
+QByteArray tst_LoopbackServer::readUntilClosed(QTcpSocket &socket)
+{
+    QSignalSpy closed(&socket, &QTcpSocket::disconnected);
+    if (socket.state() != QAbstractSocket::UnconnectedState && !closed.wait())
+        return "(not closed)";
+    return socket.readAll();
+}
+
+void tst_LoopbackServer::recordsRequestExactly()
+{
+    LoopbackServer server;
+    QTcpSocket socket;
+    connectTo(socket, server);
+    socket.write("POST /a%20b?c=d HTTP/1.1\r\nhOsT: x\r\nContent-Length: 5\r\nX-Y:  z:z \r\n\r\n"
+                 "\r\n\r\n!");
+    QVERIFY(server.waitForRequests(1));
+
+    const LoopbackServer::Request request = server.requests().constFirst();
+    QCOMPARE(request.method, "POST");
+    QCOMPARE(request.target, "/a%20b?c=d");
+    QCOMPARE(request.version, "HTTP/1.1");
+    const QList<QPair<QByteArray, QByteArray>> headers{
+        {"hOsT", "x"}, {"Content-Length", "5"}, {"X-Y", "z:z"}};
+    QCOMPARE(request.headers, headers);
+    QCOMPARE(request.header("HOST"), "x");
+    QVERIFY(request.header("Cookie").isNull());
+    QCOMPARE(request.body, "\r\n\r\n!");
+}
+
+void tst_LoopbackServer::recordsRequestThatArrivesInPieces()
+{
+    LoopbackServer server;
+    QTcpSocket socket;
+    connectTo(socket, server);
+    for (const char byte : QByteArray("POST / HTTP/1.1\r\nContent-Length: 3\r\n\r\nab")) {
+        socket.write(&byte, 1);
+        socket.flush();
+    }
+    QVERIFY(server.requests().isEmpty());
+    socket.write("c");
+    QVERIFY(server.waitForRequests(1));
+    QCOMPARE(server.requests().constFirst().body, "abc");
+}
+
+void tst_LoopbackServer::recordsPipelinedRequestsOneByOne()
+{
+    LoopbackServer server;
+    QTcpSocket socket;
+    connectTo(socket, server);
+    socket.write("GET /1 HTTP/1.1\r\n\r\nGET /2 HTTP/1.1\r\n\r\n");
+    QVERIFY(server.waitForRequests(2));
+    QCOMPARE(server.requests().at(0).target, "/1");
+    QCOMPARE(server.requests().at(1).target, "/2");
+    QCOMPARE(server.connectionCount(), 1);
+}
+
+void tst_LoopbackServer::answersByteForByteInScriptOrder()
+{
+    LoopbackServer server;
+    server.script("one\r\n");
+    server.script(QByteArray("tw\0o", 4), LoopbackServer::Close);
+    QTcpSocket socket;
+    connectTo(socket, server);
+    socket.write("GET /1 HTTP/1.1\r\n\r\nGET /2 HTTP/1.1\r\n\r\n");
+    QCOMPARE(readUntilClosed(socket), QByteArray("one\r\ntw\0o", 9));
+    QCOMPARE(LoopbackServer::response(404, "{}", "text/html"),
+             "HTTP/1.1 404 Scripted\r\nContent-Type: text/html\r\nContent-Length: 2\r\n\r\n{}");
+}
+
+void tst_LoopbackServer::holdsRequestUntilReplied()
+{
+    LoopbackServer server;
+    QTcpSocket first;
+    QTcpSocket second;
+    connectTo(first, server);
+    first.write("GET /1 HTTP/1.1\r\n\r\n");
+    QVERIFY(server.waitForRequests(1));
+    connectTo(second, server);
+    second.write("GET /2 HTTP/1.1\r\n\r\n");
+    QVERIFY(server.waitForRequests(2));
+
+    server.reply(1, "to the second", LoopbackServer::Close);
+    QCOMPARE(readUntilClosed(second), "to the second");
+    QCOMPARE(first.readAll(), "");
+    server.reply(0, "to the ");
+    server.reply(0, "first", LoopbackServer::Close);
+    QCOMPARE(readUntilClosed(first), "to the first");
+}
+
+void tst_LoopbackServer::saysWhenRequestsDoNotCome()
+{
+    LoopbackServer server;
+    QVERIFY(!server.waitForRequests(1, 1));
+}
+
+void tst_LoopbackServer::ownPartLeavesOutWhatAPlainRequestHas()
+{
+    LoopbackServer server;
+    LoopbackServer::Request request =
+        PlainNetwork::ask(server, {"GET", "/a?b", {}, {}, {}}).request;
+    QCOMPARE(PlainNetwork::ownPart(server, request), "GET /a?b\n\n");
+
+    request.headers.append(qMakePair(QByteArray("X-Own"), QByteArray("1")));
+    QCOMPARE(PlainNetwork::ownPart(server, request), "GET /a?b\nX-Own: 1\n\n");
+}
+
+void tst_LoopbackServer::ownPartNamesWhatOnlyAPlainRequestHas()
+{
+    LoopbackServer server;
+    LoopbackServer::Request request =
+        PlainNetwork::ask(server, {"POST", "/", {}, {}, "body"}).request;
+    request.headers.removeIf([](const auto &header) { return header.first == "User-Agent"; });
+    QCOMPARE(PlainNetwork::ownPart(server, request), "POST /\n-User-Agent\n\nbody");
+}
+
+QTEST_GUILESS_MAIN(tst_LoopbackServer)
+#include "tst_loopbackserver.moc"
