@@ -61,6 +61,12 @@ public:
     // of overlapping checks, all are compared with the version given last.
     void checkForUpdate(const QString &currentVersion, const QString &channel);
 
+    // Reports one usage event: the payload's members, and the product code, licence key (trimmed),
+    // machine id and event type, which replace payload members named product_code, license_key,
+    // machine_fingerprint and event_type. Ends in usageSent() or networkError().
+    void sendUsage(const QString &licenseKey, const QString &machineId, const QString &eventType,
+                   const QJsonObject &payload);
+
 Q_SIGNALS:
     // The service answered a usage event. The message is the service's error text for the user. It
     // is empty when the service sent none, except that a refusal with an HTTP error status then
@@ -105,6 +111,7 @@ private:
 
     bool checkConfiguration();
     QUrl endpoint(const QString &path) const;
+    void postJson(const QString &path, const QJsonObject &body, Operation operation);
     void connectReply(QNetworkReply *reply, Operation operation);
     void handleReply(QNetworkReply *reply, Operation operation);
     UpdateInfo parseUpdate(const QJsonObject &reply, const QString &currentVersion) const;

@@ -1,4 +1,5 @@
 #include "corvane.h"
+#include "wire_p.h"
 
 #include <QtCore/qjsondocument.h>
 #include <QtNetwork/qnetworkreply.h>
@@ -24,23 +25,33 @@ void Corvane::connectReply(QNetworkReply *reply, Operation operation)
 }
 
 // Turns one finished reply into exactly one signal. The network layer's error code alone decides
-// what a success is.
+// what a success is. A failure that the service explained in a body goes to the operation's own
+// signal, except for update checks, downloads and plans, where every failure is a networkError().
 void Corvane::handleReply(QNetworkReply *reply, Operation operation)
 {
     const QByteArray body = reply->readAll();
     const bool success = reply->error() == QNetworkReply::NoError;
+    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
     reply->deleteLater();
 
-    if (!success) {
+    const bool explained = status > 0 && !body.isEmpty() && operation != UpdateCheck
+        && operation != UpdateDownload && operation != PurchasePlans;
+    if (!success && !explained) {
         Q_EMIT networkError(reply->errorString());
         return;
     }
 
     switch (operation) {
+    case Usage: {
+        const QJsonObject object = objectFrom(body);
+        const bool accepted = success && object.value("success"_L1).toBool();
+        Q_EMIT usageSent(accepted,
+                         Wire::errorMessage(object, success ? QString() : reply->errorString()));
+        break;
+    }
     case UpdateCheck:
         Q_EMIT updateChecked(parseUpdate(objectFrom(body), m_currentVersion));
         break;
-    case Usage:
     case UpdateDownload:
     case PurchasePlans:
     case PurchaseStart:

@@ -1,6 +1,8 @@
 #ifndef WIRE_P_H
 #define WIRE_P_H
 
+#include <QtCore/qjsonobject.h>
+#include <QtCore/qstring.h>
 #include <QtCore/qurl.h>
 #include <QtNetwork/qnetworkrequest.h>
 
@@ -16,6 +18,14 @@ inline QNetworkRequest uncachedRequest(const QUrl &url)
     request.setRawHeader("Cache-Control", "no-cache");
     request.setRawHeader("Pragma", "no-cache");
     return request;
+}
+
+// The service's text for the user: {"error": {"message": text}}. The fallback stands for a text
+// that is missing or not a string, not for an empty one.
+inline QString errorMessage(const QJsonObject &reply, const QString &fallback)
+{
+    using namespace Qt::StringLiterals;
+    return reply.value("error"_L1).toObject().value("message"_L1).toString(fallback);
 }
 
 } // namespace Wire
