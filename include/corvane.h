@@ -61,6 +61,19 @@ public:
     // of overlapping checks, all are compared with the version given last.
     void checkForUpdate(const QString &currentVersion, const QString &channel);
 
+    // Starts a purchase. The plan code is sent trimmed and in upper case, the address trimmed and
+    // in lower case, the names trimmed. Ends in purchaseStarted() or networkError().
+    void startPayPalPurchase(const QString &planCode, const QString &firstName,
+                             const QString &lastName, const QString &email);
+
+    // Takes up a purchase that was started and not finished, by the licence key of its
+    // PurchaseStartInfo, sent trimmed. Ends in purchaseStarted() or networkError().
+    void resumePayPalPurchase(const QString &licenseKey);
+
+    // Takes the payment once the buyer has approved it, by the order id of the PurchaseStartInfo,
+    // sent trimmed. Ends in purchaseCaptured() or networkError().
+    void capturePayPalPurchase(const QString &paypalOrderId);
+
     // Reports one usage event: the payload's members, and the product code, licence key (trimmed),
     // machine id and event type, which replace payload members named product_code, license_key,
     // machine_fingerprint and event_type. Ends in usageSent() or networkError().
@@ -115,6 +128,8 @@ private:
     void connectReply(QNetworkReply *reply, Operation operation);
     void handleReply(QNetworkReply *reply, Operation operation);
     UpdateInfo parseUpdate(const QJsonObject &reply, const QString &currentVersion) const;
+    PurchaseStartInfo parsePurchaseStart(const QJsonObject &reply) const;
+    PurchaseCaptureInfo parsePurchaseCapture(const QJsonObject &reply) const;
 
     // There is no d-pointer: the fields are part of the ABI. They stay last and in this order.
 

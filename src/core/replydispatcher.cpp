@@ -52,11 +52,15 @@ void Corvane::handleReply(QNetworkReply *reply, Operation operation)
     case UpdateCheck:
         Q_EMIT updateChecked(parseUpdate(objectFrom(body), m_currentVersion));
         break;
+    case PurchaseStart:
+    case PurchaseResume: // answered like a start, on purpose
+        Q_EMIT purchaseStarted(parsePurchaseStart(objectFrom(body)));
+        break;
+    case PurchaseCapture:
+        Q_EMIT purchaseCaptured(parsePurchaseCapture(objectFrom(body)));
+        break;
     case UpdateDownload:
     case PurchasePlans:
-    case PurchaseStart:
-    case PurchaseResume:
-    case PurchaseCapture:
         break;
     }
 }
