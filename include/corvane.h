@@ -53,13 +53,23 @@ public:
     void setProductCode(const QString &code);
     QString productCode() const;
 
-    // Operations need a valid server URL and a product code. Without
+    // All operations but downloadUpdate() need a valid server URL and a product code. Without
     // them they are refused with "Server URL o product code non configurati.".
 
     // Asks which release is offered on the channel. Ends in updateChecked() or networkError().
     // The version is compared with the release's when the reply arrives, and the object holds one:
     // of overlapping checks, all are compared with the version given last.
     void checkForUpdate(const QString &currentVersion, const QString &channel);
+
+    // Downloads the URL, whole, to the path, which is relative to the process's current directory
+    // unless absolute. Ends in updateDownloaded() or networkError(). An invalid URL or an empty
+    // path is refused with "URL o destinazione aggiornamento non validi.".
+    // Missing directories are created, and an existing file is overwritten in place once the
+    // transfer has succeeded; a failed transfer leaves it alone. The body is held in memory until
+    // then, and a failing write (a full disk) goes unreported: download beside the file that
+    // matters, compare the SHA-256, then move it. The object holds one path: of overlapping
+    // downloads, all are saved to the path given last.
+    void downloadUpdate(const QUrl &url, const QString &destinationPath);
 
     // Starts a purchase. The plan code is sent trimmed and in upper case, the address trimmed and
     // in lower case, the names trimmed. Ends in purchaseStarted() or networkError().
@@ -128,6 +138,7 @@ private:
     void connectReply(QNetworkReply *reply, Operation operation);
     void handleReply(QNetworkReply *reply, Operation operation);
     UpdateInfo parseUpdate(const QJsonObject &reply, const QString &currentVersion) const;
+    void saveDownload(const QByteArray &body);
     PurchaseStartInfo parsePurchaseStart(const QJsonObject &reply) const;
     PurchaseCaptureInfo parsePurchaseCapture(const QJsonObject &reply) const;
 

@@ -52,6 +52,9 @@ void Corvane::handleReply(QNetworkReply *reply, Operation operation)
     case UpdateCheck:
         Q_EMIT updateChecked(parseUpdate(objectFrom(body), m_currentVersion));
         break;
+    case UpdateDownload:
+        saveDownload(body);
+        break;
     case PurchaseStart:
     case PurchaseResume: // answered like a start, on purpose
         Q_EMIT purchaseStarted(parsePurchaseStart(objectFrom(body)));
@@ -59,7 +62,6 @@ void Corvane::handleReply(QNetworkReply *reply, Operation operation)
     case PurchaseCapture:
         Q_EMIT purchaseCaptured(parsePurchaseCapture(objectFrom(body)));
         break;
-    case UpdateDownload:
     case PurchasePlans:
         break;
     }

@@ -1,0 +1,441 @@
+#include "host.h"
+#include "plainnetwork.h"
+
+#include <QtCore/qdir.h>
+#include <QtCore/qfile.h>
+#include <QtCore/qregularexpression.h>
+#include <QtCore/qscopeguard.h>
+#include <QtCore/qtemporarydir.h>
+#include <QtNetwork/qnetworkaccessmanager.h>
+#include <QtNetwork/qnetworkreply.h>
+#include <QtTest/qsignalspy.h>
+#include <QtTest/qtest.h>
+
+#include <algorithm>
+#include <memory>
+
+using namespace Qt::StringLiterals;
+
+class tst_UpdateDownload : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void refusesBadArguments_data();
+    void refusesBadArguments();
+    void refusalKeepsTheStoredDestination();
+    void sendsRequest();
+    void setsNothingElseOnTheRequest();
+    void needsNoConfiguration();
+    void savesBytesExactly_data();
+    void savesBytesExactly();
+    void createsMissingDirectories();
+    void savesRelativeToTheCurrentDirectory();
+    void savesUnderUnicodeNames();
+    void overwritesFromTheStart();
+    void savesSuccessWithoutContent();
+    void destinationThatCannotBeOpened_data();
+    void destinationThatCannotBeOpened();
+    void keepsDirectoriesMadeForAFailedSave();
+    void fullDeviceGoesUnreported();
+    void failedTransferLeavesTheDestinationAlone_data();
+    void failedTransferLeavesTheDestinationAlone();
+    void fileIsOpenDuringTheSignalAndClosedAfter();
+    void createsNoOtherFile();
+    void overlappingDownloadsShareTheDestinationGivenLast();
+    void slotMayStartTheNextDownload();
+
+private:
+    static QByteArray contentOf(const QString &path);
+    static void write(const QString &path, const QByteArray &content);
+    static bool isOpenInThisProcess(const QString &path);
+};
+
+namespace {
+
+const auto badArguments =
+    SignalLog::networkError(u"URL o destinazione aggiornamento non validi."_s);
+const auto cannotSave = SignalLog::networkError(u"Impossibile salvare aggiornamento."_s);
+
+} // namespace
+
+void tst_UpdateDownload::init()
+{
+    QTest::failOnWarning(QRegularExpression(u".*"_s));
+}
+
+QByteArray tst_UpdateDownload::contentOf(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : "(no such file)";
+}
+
+void tst_UpdateDownload::write(const QString &path, const QByteArray &content)
+{
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    QCOMPARE(file.write(content), content.size());
+}
+
+bool tst_UpdateDownload::isOpenInThisProcess(const QString &path)
+{
+    const auto descriptors =
+        QDir(u"/proc/self/fd"_s).entryInfoList(QDir::AllEntries | QDir::System);
+    return std::any_of(descriptors.cbegin(), descriptors.cend(),
+                       [&path](const QFileInfo &info) { return info.symLinkTarget() == path; });
+}
+
+void tst_UpdateDownload::refusesBadArguments_data()
+{
+    QTest::addColumn<QUrl>("url");
+    QTest::addColumn<QString>("destination");
+
+    const QUrl url(u"http://127.0.0.1:1/file"_s);
+    QTest::newRow("empty-url") << QUrl() << u"/tmp/never-written"_s;
+    QTest::newRow("invalid-url") << QUrl(u"http://[bad"_s) << u"/tmp/never-written"_s;
+    QTest::newRow("empty-destination") << url << u""_s;
+    QTest::newRow("null-destination") << url << QString();
+    QTest::newRow("both") << QUrl() << QString();
+}
+
+void tst_UpdateDownload::refusesBadArguments()
+{
+    QFETCH(QUrl, url);
+    QFETCH(QString, destination);
+
+    Host host;
+    host.client.downloadUpdate(url, destination);
+    QCOMPARE(host.log.lines(), QStringList{badArguments}); // before the call returned
+    QVERIFY(!host.client.findChild<QNetworkReply *>());
+}
+
+void tst_UpdateDownload::refusalKeepsTheStoredDestination()
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath(u"file"_s);
+    const QString other = dir.filePath(u"other"_s);
+    Host host;
+    host.client.downloadUpdate(host.server.url(), path);
+    host.client.downloadUpdate(QUrl(), other);
+    host.client.downloadUpdate(host.server.url(), QString());
+    QVERIFY(host.server.waitForRequests(1));
+    host.server.reply(0, LoopbackServer::response(200, "body"));
+
+    QCOMPARE(host.log.settled(),
+             (QStringList{badArguments, badArguments, SignalLog::updateDownloaded(path)}));
+    QCOMPARE(contentOf(path), "body");
+    QVERIFY(!QFile::exists(other));
+}
+
+void tst_UpdateDownload::sendsRequest()
+{
+    Host host;
+    QUrl url = host.server.url();
+    url.setPath(u"/releases/a b%2F/\u00E8.bin"_s, QUrl::TolerantMode);
+    url.setQuery(u"token=a+b&x"_s);
+    host.client.downloadUpdate(url, u"/dev/null"_s);
+    QVERIFY(host.server.waitForRequests(1));
+    QCOMPARE(PlainNetwork::ownPart(host.server, host.server.requests().constFirst()),
+             "GET /releases/a%20b%2F/%C3%A8.bin?token=a+b&x\n"
+             "Cache-Control: no-cache\n"
+             "Pragma: no-cache\n"
+             "\n");
+}
+
+// The network layer adds the two headers by itself for the attribute, so the wire cannot tell
+// whether the client set them: the request object can.
+void tst_UpdateDownload::setsNothingElseOnTheRequest()
+{
+    Host host;
+    const QUrl url = host.server.url(u"/file"_s);
+    host.client.downloadUpdate(url, u"/dev/null"_s);
+    const QNetworkReply *reply = host.client.findChild<QNetworkReply *>();
+    QVERIFY(reply);
+
+    QNetworkRequest expected(url);
+    expected.setAttribute(QNetworkRequest::CacheLoadControlAttribute,
+                          QNetworkRequest::AlwaysNetwork);
+    expected.setRawHeader("Cache-Control", "no-cache");
+    expected.setRawHeader("Pragma", "no-cache");
+    QNetworkAccessManager plain;
+    const QNetworkReply *plainReply = plain.get(expected);
+    QCOMPARE(reply->request(), plainReply->request());
+    QCOMPARE(reply->request().rawHeaderList(), plainReply->request().rawHeaderList());
+    QCOMPARE(reply->operation(), QNetworkAccessManager::GetOperation);
+}
+
+void tst_UpdateDownload::needsNoConfiguration()
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath(u"file"_s);
+    LoopbackServer server;
+    server.script(LoopbackServer::response(200, "body"));
+    Corvane client;
+    SignalLog log(&client);
+    client.downloadUpdate(server.url(u"/file"_s), path);
+    QCOMPARE(log.settled(), QStringList{SignalLog::updateDownloaded(path)});
+    QCOMPARE(contentOf(path), "body");
+}
+
+void tst_UpdateDownload::savesBytesExactly_data()
+{
+    QTest::addColumn<QByteArray>("body");
+
+    QByteArray all;
+    for (int i = 0; i < 256; ++i)
+        all += static_cast<char>(i);
+    QTest::newRow("empty") << QByteArray();
+    QTest::newRow("every-byte") << all;
+    QTest::newRow("line-ends") << QByteArray("a\r\nb\nc\r\0", 8);
+    QTest::newRow("json-refusal") << QByteArray(R"({"success":false,"error":{"message":"No"}})");
+    QTest::newRow("three-mebibytes") << all.repeated(3 * 4096);
+}
+
+void tst_UpdateDownload::savesBytesExactly()
+{
+    QFETCH(QByteArray, body);
+
+    QTemporaryDir dir;
+    const QString path = dir.filePath(u"file"_s);
+    Host host;
+    host.server.script(LoopbackServer::response(200, body));
+    host.client.downloadUpdate(host.server.url(), path);
+    QCOMPARE(host.log.settled(), QStringList{SignalLog::updateDownloaded(path)});
+    QVERIFY(contentOf(path) == body);
+}
+
+void tst_UpdateDownload::createsMissingDirectories()
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath(u"a/b/c d/file"_s);
+    Host host;
+    host.server.script(LoopbackServer::response(200, "body"));
+    host.client.downloadUpdate(host.server.url(), path);
+    QCOMPARE(host.log.settled(), QStringList{SignalLog::updateDownloaded(path)});
+    QCOMPARE(contentOf(dir.filePath(u"a/b/c d/file"_s)), "body");
+}
+
+void tst_UpdateDownload::savesRelativeToTheCurrentDirectory()
+{
+    QTemporaryDir dir;
+    const QString before = QDir::currentPath();
+    QVERIFY(QDir::setCurrent(dir.path()));
+    const auto restore = qScopeGuard([&before] { QDir::setCurrent(before); });
+    Host host;
+    host.server.script(LoopbackServer::response(200, "one"));
+    host.server.script(LoopbackServer::response(200, "two"));
+    host.client.downloadUpdate(host.server.url(), u"file"_s);
+    QCOMPARE(host.log.settled(), QStringList{SignalLog::updateDownloaded(u"file"_s)});
+    host.client.downloadUpdate(host.server.url(), u"sub/dir/file"_s);
+    QCOMPARE(host.log.settled().constLast(), SignalLog::updateDownloaded(u"sub/dir/file"_s));
+    QCOMPARE(contentOf(dir.filePath(u"file"_s)), "one");
+    QCOMPARE(contentOf(dir.filePath(u"sub/dir/file"_s)), "two");
+}
+
+void tst_UpdateDownload::savesUnderUnicodeNames()
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath(u"\u00C8 %41/\u65E5\U0001F600.bin"_s);
+    Host host;
+    host.server.script(LoopbackServer::response(200, "body"));
+    host.client.downloadUpdate(host.server.url(), path);
+    QCOMPARE(host.log.settled(), QStringList{SignalLog::updateDownloaded(path)});
+    QCOMPARE(contentOf(path), "body");
+}
+
+void tst_UpdateDownload::overwritesFromTheStart()
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath(u"file"_s);
+    write(path, "a much longer file than the download");
+    Host host;
+    host.server.script(LoopbackServer::response(200, "short"));
+    host.server.script(LoopbackServer::response(200, ""));
+    host.client.downloadUpdate(host.server.url(), path);
+    host.log.settled();
+    QCOMPARE(contentOf(path), "short");
+    host.client.downloadUpdate(host.server.url(), path);
+    const QString saved = SignalLog::updateDownloaded(path);
+    QCOMPARE(host.log.settled(), (QStringList{saved, saved}));
+    QCOMPARE(contentOf(path), "");
+}
+
+void tst_UpdateDownload::savesSuccessWithoutContent()
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath(u"file"_s);
+    Host host;
+    host.server.script("HTTP/1.1 204 No Content\r\n\r\n");
+    host.client.downloadUpdate(host.server.url(), path);
+    QCOMPARE(host.log.settled(), QStringList{SignalLog::updateDownloaded(path)});
+    QCOMPARE(contentOf(path), "");
+}
+
+void tst_UpdateDownload::destinationThatCannotBeOpened_data()
+{
+    QTest::addColumn<QString>("name"); // below a directory that holds "file" and "dir/"
+
+    QTest::newRow("directory") << u"dir"_s;
+    QTest::newRow("directory-with-slash") << u"dir/"_s;
+    QTest::newRow("below-a-file") << u"file/below"_s;
+    QTest::newRow("far-below-a-file") << u"file/a/b/c"_s;
+    QTest::newRow("name-too-long") << QString(300, u'x');
+}
+
+void tst_UpdateDownload::destinationThatCannotBeOpened()
+{
+    QFETCH(QString, name);
+
+    QTemporaryDir dir;
+    write(dir.filePath(u"file"_s), "old");
+    QVERIFY(QDir(dir.path()).mkdir(u"dir"_s));
+    Host host;
+    host.server.script(LoopbackServer::response(200, "body"));
+    host.client.downloadUpdate(host.server.url(), dir.filePath(name));
+    QCOMPARE(host.log.settled(), QStringList{cannotSave});
+    QCOMPARE(contentOf(dir.filePath(u"file"_s)), "old");
+    QCOMPARE(QDir(dir.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
+             (QStringList{u"dir"_s, u"file"_s}));
+}
+
+void tst_UpdateDownload::keepsDirectoriesMadeForAFailedSave()
+{
+    QTemporaryDir dir;
+    Host host;
+    host.server.script(LoopbackServer::response(200, "body"));
+    host.client.downloadUpdate(host.server.url(), dir.filePath(u"a/b/"_s) + QString(300, u'x'));
+    QCOMPARE(host.log.settled(), QStringList{cannotSave});
+    QVERIFY(QDir(dir.filePath(u"a/b"_s)).exists());
+}
+
+void tst_UpdateDownload::fullDeviceGoesUnreported()
+{
+    // A device that takes no byte, as a full disk does.
+    QVERIFY(QFile::exists(u"/dev/full"_s));
+    Host host;
+    host.server.script(LoopbackServer::response(200, QByteArray(1 << 20, 'x')));
+    host.client.downloadUpdate(host.server.url(), u"/dev/full"_s);
+    QCOMPARE(host.log.settled(), QStringList{SignalLog::updateDownloaded(u"/dev/full"_s)});
+}
+
+void tst_UpdateDownload::failedTransferLeavesTheDestinationAlone_data()
+{
+    QTest::addColumn<QByteArray>("response");
+    QTest::addColumn<bool>("exists");
+
+    const auto rows = [](const char *name, const QByteArray &response) {
+        QTest::addRow("%s-old-file", name) << response << true;
+        QTest::addRow("%s-no-file", name) << response << false;
+    };
+    rows("status-404", LoopbackServer::response(404, "not this", "text/html"));
+    rows("status-403-json-error", LoopbackServer::response(403, R"({"error":{"message":"No"}})"));
+    rows("status-500-empty", LoopbackServer::response(500, ""));
+    rows("closed-mid-body", "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nhalf");
+    rows("closed-at-once", "");
+}
+
+void tst_UpdateDownload::failedTransferLeavesTheDestinationAlone()
+{
+    QFETCH(QByteArray, response);
+    QFETCH(bool, exists);
+
+    QTemporaryDir dir;
+    const QString path = dir.filePath(u"a/file"_s);
+    if (exists) {
+        QVERIFY(QDir(dir.path()).mkdir(u"a"_s));
+        write(path, "old");
+    }
+    Host host;
+    // The network layer tries again when a connection closes without an answer.
+    for (int i = 0; i < 8; ++i)
+        host.server.script(response, LoopbackServer::Close);
+    host.client.downloadUpdate(host.server.url(u"/file"_s), path);
+    const QStringList lines = host.log.settled();
+    QNetworkAccessManager network;
+    std::unique_ptr<QNetworkReply> reply(network.get(QNetworkRequest(host.server.url(u"/file"_s))));
+    QSignalSpy finished(reply.get(), &QNetworkReply::finished);
+    QVERIFY(finished.wait());
+    QCOMPARE(lines, QStringList{SignalLog::networkError(reply->errorString())});
+    QCOMPARE(contentOf(path), exists ? "old" : "(no such file)");
+    QCOMPARE(QFile::exists(dir.filePath(u"a"_s)), exists);
+}
+
+void tst_UpdateDownload::fileIsOpenDuringTheSignalAndClosedAfter()
+{
+    QTemporaryDir dir;
+    const QString path = QDir(dir.path()).canonicalPath() + "/file"_L1;
+    Host host;
+    bool openDuring = false;
+    connect(&host.client, &Corvane::updateDownloaded, this,
+            [&] { openDuring = isOpenInThisProcess(path); });
+    host.server.script(LoopbackServer::response(200, "body"));
+    host.client.downloadUpdate(host.server.url(), path);
+    host.log.settled();
+    QVERIFY(openDuring);
+    QVERIFY(!isOpenInThisProcess(path));
+}
+
+void tst_UpdateDownload::createsNoOtherFile()
+{
+    QTemporaryDir dir;
+    Host host;
+    QStringList during;
+    connect(&host.client, &Corvane::updateDownloaded, this, [&] {
+        during = QDir(dir.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+    });
+    host.server.script(LoopbackServer::response(200, "body"));
+    host.client.downloadUpdate(host.server.url(), dir.filePath(u"file"_s));
+    host.log.settled();
+    QCOMPARE(during, QStringList{u"file"_s});
+    QCOMPARE(QDir(dir.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+             QStringList{u"file"_s});
+}
+
+void tst_UpdateDownload::overlappingDownloadsShareTheDestinationGivenLast()
+{
+    QTemporaryDir dir;
+    const QString first = dir.filePath(u"first"_s);
+    const QString second = dir.filePath(u"second"_s);
+    Host host;
+    host.client.downloadUpdate(host.server.url(u"/1"_s), first);
+    QVERIFY(host.server.waitForRequests(1));
+    host.client.downloadUpdate(host.server.url(u"/2"_s), second);
+    QVERIFY(host.server.waitForRequests(2));
+
+    QSignalSpy downloaded(&host.client, &Corvane::updateDownloaded);
+    host.server.reply(1, LoopbackServer::response(200, "of the second call"));
+    QVERIFY(downloaded.wait());
+    QCOMPARE(contentOf(second), "of the second call");
+    host.server.reply(0, LoopbackServer::response(200, "of the first"));
+    const QString line = SignalLog::updateDownloaded(second);
+    QCOMPARE(host.log.settled(), (QStringList{line, line}));
+    QCOMPARE(contentOf(second), "of the first");
+    QVERIFY(!QFile::exists(first));
+}
+
+// Every slot gets the path that was written, also after one that starts the next download.
+void tst_UpdateDownload::slotMayStartTheNextDownload()
+{
+    QTemporaryDir dir;
+    const QString first = dir.filePath(u"first"_s);
+    const QString second = dir.filePath(u"second"_s);
+    LoopbackServer server;
+    server.script(LoopbackServer::response(200, "1"));
+    server.script(LoopbackServer::response(200, "2"));
+    Corvane client;
+    connect(&client, &Corvane::updateDownloaded, this, [&](const QString &path) {
+        if (path == first)
+            client.downloadUpdate(server.url(), second);
+    });
+    SignalLog log(&client); // connected after the slot that calls again
+    client.downloadUpdate(server.url(), first);
+    QCOMPARE(
+        log.settled(),
+        (QStringList{SignalLog::updateDownloaded(first), SignalLog::updateDownloaded(second)}));
+    QCOMPARE(contentOf(first), "1");
+    QCOMPARE(contentOf(second), "2");
+}
+
+QTEST_GUILESS_MAIN(tst_UpdateDownload)
+#include "tst_updatedownload.moc"
