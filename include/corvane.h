@@ -71,6 +71,9 @@ public:
     // downloads, all are saved to the path given last.
     void downloadUpdate(const QUrl &url, const QString &destinationPath);
 
+    // Asks for the plans on offer. Ends in purchasePlansReceived() or networkError().
+    void fetchPurchasePlans();
+
     // Starts a purchase. The plan code is sent trimmed and in upper case, the address trimmed and
     // in lower case, the names trimmed. Ends in purchaseStarted() or networkError().
     void startPayPalPurchase(const QString &planCode, const QString &firstName,

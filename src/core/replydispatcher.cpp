@@ -55,14 +55,15 @@ void Corvane::handleReply(QNetworkReply *reply, Operation operation)
     case UpdateDownload:
         saveDownload(body);
         break;
+    case PurchasePlans:
+        Q_EMIT purchasePlansReceived(objectFrom(body).value("plans"_L1).toArray());
+        break;
     case PurchaseStart:
     case PurchaseResume: // answered like a start, on purpose
         Q_EMIT purchaseStarted(parsePurchaseStart(objectFrom(body)));
         break;
     case PurchaseCapture:
         Q_EMIT purchaseCaptured(parsePurchaseCapture(objectFrom(body)));
-        break;
-    case PurchasePlans:
         break;
     }
 }
