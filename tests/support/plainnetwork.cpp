@@ -27,6 +27,13 @@ QNetworkReply *send(QNetworkAccessManager &network, const QUrl &url,
     return network.post(request, like.body);
 }
 
+void waitForEnd(QNetworkReply *reply)
+{
+    QSignalSpy finished(reply, &QNetworkReply::finished);
+    if (!finished.wait(10000))
+        qFatal("The plain request did not finish");
+}
+
 } // namespace
 
 PlainNetwork::Answer PlainNetwork::ask(LoopbackServer &server, const LoopbackServer::Request &like,
@@ -37,10 +44,16 @@ PlainNetwork::Answer PlainNetwork::ask(LoopbackServer &server, const LoopbackSer
     server.script(response, after);
     const QUrl url = server.url().resolved(QUrl::fromEncoded(like.target));
     const std::unique_ptr<QNetworkReply> reply(send(network, url, like));
-    QSignalSpy finished(reply.get(), &QNetworkReply::finished);
-    if (!finished.wait(10000))
-        qFatal("The plain request did not finish");
+    waitForEnd(reply.get());
     return {server.requests().constLast(), reply->errorString()};
+}
+
+QString PlainNetwork::errorString(const QUrl &url)
+{
+    QNetworkAccessManager network;
+    const std::unique_ptr<QNetworkReply> reply(network.get(QNetworkRequest(url)));
+    waitForEnd(reply.get());
+    return reply->error() == QNetworkReply::NoError ? QString() : reply->errorString();
 }
 
 QByteArray PlainNetwork::ownPart(LoopbackServer &server, const LoopbackServer::Request &request)

@@ -21,6 +21,9 @@ Answer ask(LoopbackServer &server, const LoopbackServer::Request &like,
            const QByteArray &response = LoopbackServer::response(200, "{}"),
            LoopbackServer::After after = LoopbackServer::KeepOpen);
 
+// The error text of a plain GET of the URL; null if it succeeds.
+QString errorString(const QUrl &url);
+
 // What the client itself put into a recorded request: method and target, the headers that a plain
 // request to the same place does not have or has with another value (and "-Name" for those that
 // it alone has), an empty line, the body.
