@@ -31,6 +31,7 @@ private Q_SLOTS:
     void anyBodyGivesOneSignal();
     void anySchemeGivesOneSignal_data();
     void anySchemeGivesOneSignal();
+    void downloadsDataUrl();
     void signalsFollowTheOrderOfReplies();
     void replyLivesUntilTheEventLoopThenIsGone_data();
     void replyLivesUntilTheEventLoopThenIsGone();
@@ -312,7 +313,6 @@ void tst_ReplyDispatcher::anySchemeGivesOneSignal_data()
     QTest::newRow("ftp") << QUrl(u"ftp://127.0.0.1:1/x"_s);
     QTest::newRow("missing-file") << QUrl(u"file:///no/such/file"_s);
     QTest::newRow("existing-file") << QUrl(u"file:///dev/null"_s);
-    QTest::newRow("data") << QUrl(u"data:,text"_s);
     QTest::newRow("mail") << QUrl(u"mailto:someone"_s);
 }
 
@@ -330,6 +330,15 @@ void tst_ReplyDispatcher::anySchemeGivesOneSignal()
     }
 }
 
+// For a download alone: with a path of the service's in it a data URL is malformed, and newer
+// versions of Qt warn by themselves when such a reply is read.
+void tst_ReplyDispatcher::downloadsDataUrl()
+{
+    Host host;
+    host.client.downloadUpdate(QUrl(u"data:,text"_s), destination());
+    QCOMPARE(host.log.settled(), QStringList{SignalLog::updateDownloaded(destination())});
+}
+
 void tst_ReplyDispatcher::signalsFollowTheOrderOfReplies()
 {
     Host host;
@@ -342,7 +351,7 @@ void tst_ReplyDispatcher::signalsFollowTheOrderOfReplies()
     QStringList names;
     for (const int i : {4, 1, 0, 5, 3, 2}) {
         host.server.reply(i, LoopbackServer::response(200, answer));
-        QTRY_COMPARE(host.log.lines().size(), names.size() + 1);
+        QVERIFY(host.log.waitForLines(names.size() + 1));
         names += host.log.lines().constLast().section(u' ', 0, 0);
     }
     QCOMPARE(
@@ -405,7 +414,7 @@ void tst_ReplyDispatcher::everyOperationMayBeCalledFromASlot()
         host.server.script(LoopbackServer::response(200, answer));
     host.client.downloadUpdate({}, {}); // refused within the call, and the chain begins
     QCOMPARE(next, 1);
-    QTRY_COMPARE(host.log.lines().size(), 1 + all.size());
+    QVERIFY(host.log.waitForLines(1 + all.size()));
     QCOMPARE(host.log.settled().size(), 1 + all.size());
 }
 

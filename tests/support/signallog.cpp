@@ -26,6 +26,7 @@ SignalLog::SignalLog(Corvane *client)
     const auto record = [this, client](auto signal, auto describe) {
         connect(client, signal, this, [this, describe](const auto &...arguments) {
             m_lines.append(describe(arguments...));
+            Q_EMIT lineAdded();
         });
     };
     record(&Corvane::usageSent, &SignalLog::usageSent);
@@ -35,6 +36,16 @@ SignalLog::SignalLog(Corvane *client)
     record(&Corvane::purchaseStarted, &SignalLog::purchaseStarted);
     record(&Corvane::purchaseCaptured, &SignalLog::purchaseCaptured);
     record(&Corvane::networkError, &SignalLog::networkError);
+}
+
+bool SignalLog::waitForLines(qsizetype count, int milliseconds)
+{
+    QSignalSpy added(this, &SignalLog::lineAdded);
+    while (m_lines.size() < count) {
+        if (!added.wait(milliseconds))
+            return false;
+    }
+    return true;
 }
 
 QStringList SignalLog::settled()

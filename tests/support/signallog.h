@@ -19,6 +19,8 @@ public:
 
     // The lines so far.
     const QStringList &lines() const { return m_lines; }
+    // Waits until there are so many lines; false if there are not in time.
+    bool waitForLines(qsizetype count, int milliseconds = 10000);
     // The lines once every request of the client has been answered and its reply is gone, when no
     // more can come; with a line that says so if that takes longer than ten seconds.
     QStringList settled();
@@ -31,6 +33,9 @@ public:
     static QString purchaseStarted(const PurchaseStartInfo &purchase);
     static QString purchaseCaptured(const PurchaseCaptureInfo &capture);
     static QString networkError(const QString &message);
+
+Q_SIGNALS:
+    void lineAdded();
 
 private:
     Corvane *m_client;

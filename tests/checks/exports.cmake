@@ -1,0 +1,25 @@
+# LIBRARY exports the class and its meta-object and nothing else, and needs no GUI library.
+execute_process(COMMAND nm --dynamic --demangle --defined-only "${LIBRARY}"
+    OUTPUT_VARIABLE symbols COMMAND_ERROR_IS_FATAL ANY)
+string(REGEX MATCHALL "[^\n]+" symbols "${symbols}")
+if(NOT symbols)
+    message(FATAL_ERROR "nm lists no symbol")
+endif()
+foreach(symbol IN LISTS symbols)
+    if(NOT symbol MATCHES "^[0-9a-f]+ [A-Z] (Corvane::|(vtable|typeinfo|typeinfo name) for Corvane$)")
+        message(SEND_ERROR "exported beside the class: ${symbol}")
+    endif()
+endforeach()
+
+execute_process(COMMAND readelf --dynamic --wide "${LIBRARY}"
+    OUTPUT_VARIABLE dynamic COMMAND_ERROR_IS_FATAL ANY)
+string(REGEX MATCHALL "\\(NEEDED\\)[^\n]*\\[[^]\n]+\\]" needed "${dynamic}")
+list(TRANSFORM needed REPLACE ".*\\[([^]]+)\\]" "\\1")
+foreach(library IN LISTS needed)
+    if(NOT library MATCHES "^lib(Qt6Core|Qt6Network|stdc\\+\\+|gcc_s|m|c)\\.so")
+        message(SEND_ERROR "needed beside Qt Core and Network: ${library}")
+    endif()
+endforeach()
+if(NOT dynamic MATCHES "\\(SONAME\\)[^\n]*\\[libCorvane\\.so\\.${SOVERSION}\\]")
+    message(SEND_ERROR "the soname is not libCorvane.so.${SOVERSION}")
+endif()

@@ -1,0 +1,8 @@
+#include <Corvane>
+
+Corvane *makeClient(QObject *parent);
+
+Corvane *makeClient(QObject *parent)
+{
+    return new Corvane(parent);
+}
