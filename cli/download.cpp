@@ -1,0 +1,190 @@
+// The library writes the file into a temporary folder on the destination's file system; when the
+// file has proved right, it is moved into place in one step. Missing folders are made only then.
+
+#include "download.h"
+
+#include "session.h"
+
+#include <corvane.h>
+
+#include <QtCore/qcryptographichash.h>
+#include <QtCore/qdir.h>
+#include <QtCore/qfileinfo.h>
+#include <QtCore/qtemporarydir.h>
+
+#include <filesystem>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+QString folderOf(const QString &path)
+{
+    return QFileInfo(path).path();
+}
+
+// The folder that the destination is in or, while that is missing, the first above it that is
+// there.
+QString existingFolderOf(const QString &destination)
+{
+    QString folder = folderOf(destination);
+    while (!QFileInfo::exists(folder) && folder != folderOf(folder))
+        folder = folderOf(folder);
+    return folder;
+}
+
+// Why nothing can be saved under this name; empty when it can.
+QString destinationError(const QString &destination)
+{
+    const QFileInfo info(destination);
+    if (info.isDir() || info.fileName().isEmpty())
+        return u"'%1' is a folder; name the file to write"_s.arg(destination);
+    // A device, say: it would be replaced, not written to.
+    if (info.exists() && !info.isFile())
+        return u"'%1' is not a regular file"_s.arg(destination);
+    return {};
+}
+
+std::filesystem::path nativePath(const QString &path)
+{
+    return QFile::encodeName(path).toStdString();
+}
+
+class Download : public QObject
+{
+public:
+    Download(const QString &destination, const QString &sha256, Session &session);
+    void start(const QUrl &url);
+
+private:
+    void keep();
+    bool readBack();
+    bool hasRoom() const;
+    bool moveIntoPlace();
+
+    const QString m_destination;
+    const QString m_sha256;
+    Session &m_session;
+    const QString m_existingFolder;
+    QTemporaryDir m_temporary;
+    // In the temporary folder.
+    const QString m_path;
+    // What was read back.
+    qint64 m_size = 0;
+    QString m_actualSha256;
+};
+
+Download::Download(const QString &destination, const QString &sha256, Session &session)
+    : QObject(&session)
+    , m_destination(destination)
+    , m_sha256(sha256)
+    , m_session(session)
+    , m_existingFolder(existingFolderOf(destination))
+    , m_temporary(m_existingFolder + "/.corvane-cli-XXXXXX"_L1)
+    , m_path(m_temporary.filePath(u"download"_s))
+{
+}
+
+void Download::start(const QUrl &url)
+{
+    if (!m_temporary.isValid()) {
+        m_session.fail(BadInput,
+                       u"cannot write to the folder '%1': %2"_s.arg(m_existingFolder,
+                                                                    m_temporary.errorString()));
+        return;
+    }
+    // Queued: the file is still open, and perhaps not whole, during the signal.
+    connect(m_session.client(), &Corvane::updateDownloaded, this, &Download::keep,
+            Qt::QueuedConnection);
+    m_session.client()->downloadUpdate(url, m_path);
+}
+
+void Download::keep()
+{
+    const bool readable = readBack();
+    // Reading takes its time: the user may have interrupted it.
+    if (m_session.isOver())
+        return;
+    if (!readable) {
+        m_session.fail(Unusable, u"cannot read the downloaded file back"_s);
+        return;
+    }
+    if (!m_sha256.isEmpty() && m_sha256 != m_actualSha256) {
+        m_session.fail(
+            Unusable,
+            u"the SHA-256 differs, nothing was saved: %1 was downloaded"_s.arg(m_actualSha256));
+        return;
+    }
+    if (m_sha256.isEmpty() && !hasRoom()) {
+        m_session.fail(Unusable,
+                       u"no room is left on the disk, the file may be cut short, nothing "
+                       "was saved; free some room, or give --sha256"_s);
+        return;
+    }
+    if (!moveIntoPlace())
+        return;
+
+    const QString path = QFileInfo(m_destination).absoluteFilePath();
+    m_session.finish({
+        labelled({
+            {u"Saved"_s, path},
+            {u"Size"_s, u"%1 bytes"_s.arg(m_size)},
+            {u"SHA-256"_s, m_actualSha256},
+        }),
+        {{u"path"_s, path}, {u"size"_s, m_size}, {u"sha256"_s, m_actualSha256}},
+    });
+}
+
+bool Download::readBack()
+{
+    QFile file(m_path);
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    if (!file.open(QIODevice::ReadOnly) || !hash.addData(&file))
+        return false;
+    m_size = file.size();
+    m_actualSha256 = QString::fromLatin1(hash.result().toHex());
+    return true;
+}
+
+// The library reports no failing write. A disk that takes not one block more is the trace that one
+// leaves; a file that fits to the last block looks the same, and is refused as well.
+bool Download::hasRoom() const
+{
+    QFile probe(m_temporary.filePath(u"probe"_s));
+    const QByteArray block(4096, '\0');
+    return probe.open(QIODevice::WriteOnly | QIODevice::Unbuffered)
+        && probe.write(block) == block.size();
+}
+
+bool Download::moveIntoPlace()
+{
+    const QString folder = folderOf(m_destination);
+    std::error_code error;
+    std::filesystem::create_directories(nativePath(folder), error);
+    if (!error)
+        std::filesystem::rename(nativePath(m_path), nativePath(m_destination), error);
+    if (!error)
+        return true;
+
+    // The folders just made go again; one that something else has come into stays.
+    for (QString made = folder; made != m_existingFolder; made = folderOf(made))
+        QDir().rmdir(made);
+    m_session.fail(Unusable,
+                   u"cannot move the file to '%1': %2"_s.arg(
+                       m_destination, QString::fromStdString(error.message())));
+    return false;
+}
+
+} // namespace
+
+void startDownload(const QUrl &url, const QString &destination, const QString &sha256,
+                   Session &session)
+{
+    const QString error = destinationError(destination);
+    if (!error.isEmpty()) {
+        session.fail(BadInput, error);
+        return;
+    }
+    auto *download = new Download(destination, sha256, session);
+    download->start(url);
+}

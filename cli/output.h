@@ -1,0 +1,31 @@
+#ifndef OUTPUT_H
+#define OUTPUT_H
+
+#include <QtCore/qlist.h>
+#include <QtCore/qstring.h>
+
+#include <utility>
+
+// How the program ends. Scripts rely on these numbers, and --help lists them. A signal ends it with
+// 128 and the signal's number.
+enum ExitStatus {
+    Done = 0,
+    Refused = 1,
+    BadInput = 2,
+    NetworkFailure = 3,
+    TimedOut = 4,
+    Unusable = 5,
+    Unwritten = 6
+};
+
+// Writes the text to standard output, as UTF-8 in any locale. Says so on standard error and returns
+// false when it cannot be written whole.
+bool print(const QString &text);
+
+// Writes one message to standard error.
+void printError(const QString &message);
+
+// One "Label: value" a line, with the values in one column. Rows without a value are left out.
+QString labelled(const QList<std::pair<QString, QString>> &rows);
+
+#endif // OUTPUT_H
