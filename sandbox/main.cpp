@@ -1,0 +1,148 @@
+#include "releases.h"
+#include "service.h"
+#include "store.h"
+
+#include <QtCore/qcommandlineparser.h>
+#include <QtCore/qcoreapplication.h>
+#include <QtCore/qfileinfo.h>
+#include <QtCore/qsocketnotifier.h>
+#include <QtNetwork/qhostaddress.h>
+#include <QtNetwork/qtcpserver.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <memory>
+#include <optional>
+
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+enum ExitCode { Done = 0, StartFailed = 1, WrongUsage = 2 };
+
+int fail(ExitCode code, const QString &message)
+{
+    std::fprintf(stderr, "corvane-sandbox: %s\n", qUtf8Printable(message));
+    return code;
+}
+
+std::optional<quint16> portFrom(const QString &text)
+{
+    bool isNumber = false;
+    const quint16 port = text.toUShort(&isNumber);
+    return isNumber ? std::make_optional(port) : std::nullopt;
+}
+
+int signalPipe[2];
+
+// Nothing but write() is safe in a signal handler; the event loop does the rest.
+void passSignalOn(int)
+{
+    const int savedError = errno;
+    const char byte = 0;
+    // A full pipe holds a byte to wake up for already.
+    [[maybe_unused]] const ssize_t written = ::write(signalPipe[1], &byte, 1);
+    errno = savedError;
+}
+
+bool quitOnSignals(QCoreApplication *application)
+{
+    if (::pipe(signalPipe) != 0)
+        return false;
+
+    auto *notifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, application);
+    QObject::connect(notifier, &QSocketNotifier::activated, application, &QCoreApplication::quit);
+    return std::signal(SIGINT, passSignalOn) != SIG_ERR
+        && std::signal(SIGTERM, passSignalOn) != SIG_ERR;
+}
+
+int serve(QCoreApplication &application, quint16 port, const QString &database,
+          const QString &folder)
+{
+    auto server = std::make_unique<QTcpServer>();
+    if (!server->listen(QHostAddress::LocalHost, port)) {
+        return fail(StartFailed,
+                    u"cannot listen on port %1 (%2): choose another with --port, or leave it out "
+                    "for any free one."_s.arg(QString::number(port), server->errorString()));
+    }
+
+    try {
+        Store store(database);
+        Releases releases(folder);
+        Service service(store, releases, server.release());
+        if (!quitOnSignals(&application))
+            return fail(StartFailed, u"cannot handle signals: %1."_s.arg(qt_error_string()));
+
+        std::printf("%s\n", qUtf8Printable(service.address()));
+        std::fflush(stdout);
+        return QCoreApplication::exec();
+    } catch (const StoreError &error) {
+        return fail(StartFailed,
+                    u"cannot use the database \"%1\" (%2): name a file that you may write and that "
+                    "corvane-sandbox made, or a new one, with --database."_s.arg(
+                        database, QString::fromUtf8(error.what())));
+    }
+}
+
+const QString description = uR"(The back-end service on your own machine, for trying out a host.
+
+Prints its address, http://127.0.0.1:PORT, as its first line, and serves until
+it gets SIGINT or SIGTERM. A new database holds the product DEMO with three plans.
+
+A folder named after a product holds that product's releases:
+  DIR/DEMO/stable/1.4.0/demo-1.4.0.zip   one file for each version
+  DIR/DEMO/stable/1.4.0/notes.txt        release notes in UTF-8, if any
+The highest version of a channel is its latest. Copy a folder in to publish it.
+
+Exit status: 0 after a signal, 1 if it cannot start, 2 for wrong arguments.)"_s;
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication application(argc, argv);
+    QCoreApplication::setApplicationName(u"corvane-sandbox"_s);
+    QCoreApplication::setApplicationVersion(QStringLiteral(CORVANE_VERSION));
+
+    QCommandLineParser parser;
+    parser.setApplicationDescription(description);
+    const QCommandLineOption portOption(u"port"_s, u"Listen on port N; 0 is any free one."_s,
+                                        u"N"_s, u"0"_s);
+    const QCommandLineOption databaseOption(
+        u"database"_s, u"Keep the state in FILE (SQLite) instead of in memory."_s, u"FILE"_s);
+    const QCommandLineOption releasesOption(u"releases"_s, u"Offer the releases in DIR."_s,
+                                            u"DIR"_s);
+    parser.addOptions({portOption, databaseOption, releasesOption});
+    const QCommandLineOption helpOption = parser.addHelpOption();
+    const QCommandLineOption versionOption = parser.addVersionOption();
+
+    const QString seeHelp = u" See corvane-sandbox --help."_s;
+    if (!parser.parse(QCoreApplication::arguments()))
+        return fail(WrongUsage, parser.errorText() + seeHelp);
+    if (parser.isSet(versionOption))
+        parser.showVersion();
+    if (parser.isSet(helpOption))
+        parser.showHelp();
+    if (!parser.positionalArguments().isEmpty()) {
+        return fail(WrongUsage,
+                    u"unexpected argument \"%1\"."_s.arg(parser.positionalArguments().first())
+                        + seeHelp);
+    }
+    const std::optional<quint16> port = portFrom(parser.value(portOption));
+    if (!port) {
+        return fail(
+            WrongUsage,
+            u"\"%1\" is no port: give a number from 0 to 65535."_s.arg(parser.value(portOption)));
+    }
+
+    const QString folder = parser.value(releasesOption);
+    if (parser.isSet(releasesOption) && !QFileInfo(folder).isDir()) {
+        return fail(StartFailed,
+                    u"the releases folder \"%1\" does not exist: create it, or name another with "
+                    "--releases."_s.arg(folder));
+    }
+    return serve(application, *port, parser.value(databaseOption), folder);
+}

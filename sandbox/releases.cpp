@@ -1,0 +1,105 @@
+#include "releases.h"
+
+#include <QtCore/qcryptographichash.h>
+#include <QtCore/qdir.h>
+#include <QtCore/qfile.h>
+#include <QtCore/qfileinfo.h>
+#include <QtCore/qversionnumber.h>
+
+#include <algorithm>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr auto notesName = "notes.txt"_L1;
+
+bool isName(const QString &text)
+{
+    return !text.isEmpty() && text != "."_L1 && text != ".."_L1 && !text.contains(u'/')
+        && !text.contains(QChar::Null);
+}
+
+// By number; of one number, a version without a suffix is newer than those with one, and these
+// are ordered as texts: 1.10 > 1.9 > 1.9-rc2 > 1.9-rc1.
+bool isNewer(const QString &left, const QString &right)
+{
+    qsizetype leftEnd = 0;
+    qsizetype rightEnd = 0;
+    const QVersionNumber leftNumber = QVersionNumber::fromString(left, &leftEnd);
+    const QVersionNumber rightNumber = QVersionNumber::fromString(right, &rightEnd);
+    if (leftNumber != rightNumber)
+        return leftNumber > rightNumber;
+
+    const QString leftSuffix = left.sliced(leftEnd);
+    const QString rightSuffix = right.sliced(rightEnd);
+    if (leftSuffix.isEmpty() || rightSuffix.isEmpty())
+        return leftSuffix.isEmpty() && !rightSuffix.isEmpty();
+    return leftSuffix > rightSuffix;
+}
+
+} // namespace
+
+Releases::Releases(const QString &folder)
+    : m_root(folder.isEmpty() ? QString() : QFileInfo(folder).canonicalFilePath())
+{
+}
+
+std::optional<Release> Releases::latest(const QString &product, const QString &channel) const
+{
+    const QDir folder(m_root + u'/' + product + u'/' + channel);
+    QStringList versions = folder.entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    std::sort(versions.begin(), versions.end(), isNewer);
+    for (const QString &version : std::as_const(versions)) {
+        if (const std::optional<Release> release = find(product, channel, version))
+            return release;
+    }
+    return std::nullopt;
+}
+
+std::optional<Release> Releases::find(const QString &product, const QString &channel,
+                                      const QString &version) const
+{
+    if (!isName(product) || !isName(channel) || !isName(version))
+        return std::nullopt;
+
+    const QDir folder(m_root + u'/' + product + u'/' + channel + u'/' + version);
+    QStringList files = folder.entryList(QDir::Files | QDir::Readable);
+    files.removeOne(notesName);
+    if (files.size() > 1) {
+        qWarning("%s is no release: it must hold one file, and notes.txt if you like",
+                 qUtf8Printable(folder.path()));
+    }
+    if (files.size() != 1 || !contains(folder.filePath(files.constFirst())))
+        return std::nullopt;
+    return Release{version, folder.filePath(files.constFirst())};
+}
+
+QString Releases::notes(const Release &release) const
+{
+    QFile file(QFileInfo(release.path).dir().filePath(notesName));
+    if (!contains(file.fileName()) || !file.open(QIODevice::ReadOnly))
+        return {};
+    return QString::fromUtf8(file.readAll());
+}
+
+QByteArray Releases::sha256(const Release &release)
+{
+    const QFileInfo info(release.path);
+    Digest &digest = m_digests[release.path];
+    if (!digest.sha256.isEmpty() && digest.size == info.size()
+        && digest.modified == info.lastModified())
+        return digest.sha256;
+
+    QFile file(release.path);
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    if (!file.open(QIODevice::ReadOnly) || !hash.addData(&file))
+        return {};
+    digest = {info.size(), info.lastModified(), hash.result().toHex()};
+    return digest.sha256;
+}
+
+bool Releases::contains(const QString &path) const
+{
+    return !m_root.isEmpty() && QFileInfo(path).canonicalFilePath().startsWith(m_root + u'/');
+}

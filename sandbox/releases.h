@@ -1,0 +1,50 @@
+#ifndef RELEASES_H
+#define RELEASES_H
+
+#include <QtCore/qbytearray.h>
+#include <QtCore/qdatetime.h>
+#include <QtCore/qhash.h>
+#include <QtCore/qstring.h>
+
+#include <optional>
+
+struct Release
+{
+    QString version;
+    // The release file; its folder may hold notes.txt too.
+    QString path;
+};
+
+// The releases folder: FOLDER/<product>/<channel>/<version>/<one file>, with notes.txt beside the
+// file if there are release notes. It is read anew for every question, so that a release is
+// published by copying it in. Nothing outside the folder is ever found, not through links either.
+class Releases
+{
+public:
+    // No folder, no releases.
+    explicit Releases(const QString &folder);
+
+    std::optional<Release> latest(const QString &product, const QString &channel) const;
+    std::optional<Release> find(const QString &product, const QString &channel,
+                                const QString &version) const;
+
+    QString notes(const Release &release) const;
+    // In hexadecimal. Computed again only when the file's size or time has changed.
+    QByteArray sha256(const Release &release);
+
+private:
+    struct Digest
+    {
+        qint64 size;
+        QDateTime modified;
+        QByteArray sha256;
+    };
+
+    bool contains(const QString &path) const;
+
+    // Canonical; empty when there is no folder.
+    QString m_root;
+    QHash<QString, Digest> m_digests;
+};
+
+#endif // RELEASES_H
