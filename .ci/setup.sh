@@ -19,8 +19,8 @@ install_missing() {
         done
         # Missing parts of Qt are named by the configure step.
         [ ${#missing[@]} -eq 0 ] && return
-        echo "Missing: ${missing[*]}. Install them, and Qt 6.4 or later (Core, Network, Sql with" \
-            "SQLite, Test, HttpServer), then run this again." >&2
+        echo "Missing: ${missing[*]}. Install them (CMake 3.25 or later), and Qt 6.4 or later (Core," \
+            "Network, Sql with SQLite, Test, HttpServer), then run this again." >&2
         exit 1
     fi
 
@@ -33,7 +33,8 @@ install_missing() {
     local as_root=()
     if [ "$(id -u)" -ne 0 ]; then
         if ! command -v sudo >/dev/null; then
-            echo "Run this as root, then try again: apt-get install ${missing[*]}" >&2
+            echo "Run this as root, then try again:" \
+                "apt-get update && apt-get install ${missing[*]}" >&2
             exit 1
         fi
         as_root=(sudo)

@@ -20,6 +20,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <functional>
 
@@ -88,6 +89,13 @@ qint64 memory(const QByteArray &field)
     return 0;
 }
 
+// A figure of a failed request would mean nothing.
+void stop(const QString &error)
+{
+    std::fprintf(stderr, "corvane-benchmark: %s\n", qUtf8Printable(error));
+    std::exit(1);
+}
+
 class ByCorvane
 {
 public:
@@ -97,6 +105,7 @@ public:
         m_client.setProductCode(u"DEMO"_s);
         QObject::connect(&m_client, &Corvane::updateChecked, &m_client, [this] { m_done(); });
         QObject::connect(&m_client, &Corvane::updateDownloaded, &m_client, [this] { m_done(); });
+        QObject::connect(&m_client, &Corvane::networkError, &m_client, &stop);
     }
     void onDone(const std::function<void()> &done) { m_done = done; }
     void check() { m_client.checkForUpdate(u"1.4.0"_s, u"stable"_s); }
@@ -107,7 +116,7 @@ private:
     std::function<void()> m_done;
 };
 
-// The same requests and the same use of the replies, as an application would write them down.
+// The same requests, and the least that an application would do with the replies.
 class ByHand
 {
 public:
@@ -126,6 +135,8 @@ public:
         url.setQuery(query);
         QNetworkReply *reply = m_network.get(uncached(url));
         QObject::connect(reply, &QNetworkReply::finished, &m_network, [this, reply] {
+            if (reply->error() != QNetworkReply::NoError)
+                stop(reply->errorString());
             const QJsonObject object = QJsonDocument::fromJson(reply->readAll()).object();
             reply->deleteLater();
             const QJsonObject release = object.value("release"_L1).toObject();
@@ -143,6 +154,8 @@ public:
     {
         QNetworkReply *reply = m_network.get(uncached(url));
         QObject::connect(reply, &QNetworkReply::finished, &m_network, [this, reply, path] {
+            if (reply->error() != QNetworkReply::NoError)
+                stop(reply->errorString());
             QFile file(path);
             if (file.open(QIODevice::WriteOnly))
                 file.write(reply->readAll());
@@ -251,7 +264,8 @@ double peakOf(const QString &side, const QUrl &server, qint64 size)
     QProcess process;
     process.start(QCoreApplication::applicationFilePath(),
                   {side, server.toString(), QString::number(size)});
-    process.waitForFinished(-1);
+    if (!process.waitForFinished(120000) || process.exitCode() != 0)
+        stop(u"a download could not be measured"_s);
     return process.readAllStandardOutput().trimmed().toDouble();
 }
 

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <utility>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -128,7 +129,9 @@ void Session::handleNetworkError(const QString &message)
 
 void Session::handleTimeout()
 {
-    fail(TimedOut, u"no answer within %1 s"_s.arg(m_timeout.interval() / 1000.0));
+    fail(TimedOut,
+         u"no answer within %1 s; the service may have acted all the same"_s.arg(
+             m_timeout.interval() / 1000.0));
 }
 
 void Session::handleSignal()

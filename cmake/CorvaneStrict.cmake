@@ -1,4 +1,4 @@
-# corvane_strict(TARGET): the house's warnings and Qt's strict macros, for this
+# corvane_strict(TARGET): the project's warnings and Qt's strict macros, for this
 # target alone. What a host sets for its own code stays the host's choice; the
 # development presets turn these warnings into errors.
 function(corvane_strict target)

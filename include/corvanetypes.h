@@ -18,9 +18,9 @@ struct UpdateInfo
     bool updateAvailable = false;
     // The product the release is for. Not compared with the configured product code.
     QString productCode;
-    // The version given to the most recent Corvane::checkForUpdate() call.
+    // The version given to the most recent Corvane::checkForUpdate() that was sent.
     QString currentVersion;
-    // The version the service offers; empty when it offers none.
+    // The version the service offers; empty when it offers none or refused.
     QString latestVersion;
     // Where this release can be downloaded, and where the channel's newest release always can.
     // Either may be empty; neither stands in for the other.
@@ -62,7 +62,7 @@ struct PurchaseStartInfo
 // The result of capturing a payment.
 struct PurchaseCaptureInfo
 {
-    // True when the payment was taken.
+    // True when the payment was taken. False also when the reply was cut short or unreadable.
     bool paid = false;
     // The service's number for the licence; 0 as in PurchaseStartInfo.
     int licenseId = 0;
@@ -74,7 +74,8 @@ struct PurchaseCaptureInfo
     QJsonObject raw;
 };
 
-// Read by the meta-object compiler too: it lets signals name these types to queued connections.
+// The meta-object compiler registers a signal's argument type for queued connections only if it
+// sees this.
 Q_DECLARE_METATYPE(UpdateInfo)
 Q_DECLARE_METATYPE(PurchaseStartInfo)
 Q_DECLARE_METATYPE(PurchaseCaptureInfo)

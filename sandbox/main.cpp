@@ -1,3 +1,7 @@
+// corvane-sandbox: the service on one's own machine.
+//
+// arguments -> service (HTTP) -> store (SQLite), releases (folder)
+
 #include "releases.h"
 #include "service.h"
 #include "store.h"
@@ -90,7 +94,7 @@ int serve(QCoreApplication &application, quint16 port, const QString &database,
 const QString description = uR"(The back-end service on your own machine, for trying out a host.
 
 Prints its address, http://127.0.0.1:PORT, as its first line, and serves until
-it gets SIGINT or SIGTERM. A new database holds the product DEMO with three plans.
+it gets SIGINT or SIGTERM. A new database holds DEMO, a product of three plans.
 
 A folder named after a product holds that product's releases:
   DIR/DEMO/stable/1.4.0/demo-1.4.0.zip   one file for each version
@@ -133,9 +137,9 @@ int main(int argc, char *argv[])
     }
     const std::optional<quint16> port = portFrom(parser.value(portOption));
     if (!port) {
-        return fail(
-            WrongUsage,
-            u"\"%1\" is no port: give a number from 0 to 65535."_s.arg(parser.value(portOption)));
+        return fail(WrongUsage,
+                    u"\"%1\" is not a port: give a number from 0 to 65535."_s.arg(
+                        parser.value(portOption)));
     }
 
     const QString folder = parser.value(releasesOption);

@@ -47,6 +47,9 @@ Releases::Releases(const QString &folder)
 
 std::optional<Release> Releases::latest(const QString &product, const QString &channel) const
 {
+    if (!isName(product) || !isName(channel))
+        return std::nullopt;
+
     const QDir folder(m_root + u'/' + product + u'/' + channel);
     QStringList versions = folder.entryList(QDir::Dirs | QDir::NoDotAndDotDot);
     std::sort(versions.begin(), versions.end(), isNewer);

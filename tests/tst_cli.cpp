@@ -19,8 +19,10 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <pty.h>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -826,6 +828,7 @@ void tst_Cli::givesUpAfterTheTimeout_data()
     QTest::addRow("usage") << usage << u"0.3"_s;
     QTest::addRow("json") << check + QStringList{u"--json"_s} << u"0.3"_s;
     QTest::addRow("whole-seconds") << check << u"1"_s;
+    QTest::addRow("many-seconds") << check << u"3"_s;
 }
 
 void tst_Cli::givesUpAfterTheTimeout()
@@ -836,10 +839,14 @@ void tst_Cli::givesUpAfterTheTimeout()
     LoopbackServer server;
     QElapsedTimer time;
     time.start();
-    QCOMPARE(outcomeOf(server, arguments + QStringList{u"--timeout"_s, seconds}),
-             failure(4, u"no answer within %1 s"_s.arg(seconds)));
+    QCOMPARE(
+        outcomeOf(server, arguments + QStringList{u"--timeout"_s, seconds}),
+        failure(4,
+                u"no answer within %1 s; the service may have acted all the same"_s.arg(seconds)));
     QVERIFY(time.elapsed() >= qint64(seconds.toDouble() * 1000));
-    QCOMPARE(server.requests().size(), 1);
+    // On a busy machine the shorter times may be over before the request arrives.
+    if (seconds == "3"_L1)
+        QCOMPARE(server.requests().size(), 1);
 }
 
 void tst_Cli::timeoutOfZeroWaits()
@@ -1014,10 +1021,10 @@ void tst_Cli::failedDownloadChangesNothing_data()
             << destination << whole.chopped(1) << QStringList() << 3 << QString();
         QTest::addRow("held-%s", tag)
             << destination << QByteArray() << QStringList{u"--timeout"_s, u"0.3"_s} << 4
-            << u"no answer within 0.3 s"_s;
+            << u"no answer within 0.3 s; the service may have acted all the same"_s;
         QTest::addRow("held-for-the-shortest-time-out-%s", tag)
             << destination << QByteArray() << QStringList{u"--timeout"_s, u"0.0001"_s} << 4
-            << u"no answer within 0.001 s"_s;
+            << u"no answer within 0.001 s; the service may have acted all the same"_s;
     }
 }
 
@@ -1070,15 +1077,20 @@ void tst_Cli::failedMoveChangesNothing()
 void tst_Cli::failedMoveLeavesTheOldFile()
 {
     if (::geteuid() != 0)
-        QSKIP("Only root can make a file that another user cannot replace");
+        QSKIP("Only root can make a file that it may not replace");
 
-    // In a sticky folder nobody replaces another user's file, but anybody makes files.
+    // In a sticky folder anybody makes files, but nobody replaces another user's: not even root
+    // without the capability for it.
     Downloads downloads;
-    QCOMPARE(::chmod(QFile::encodeName(downloads.folder.path()).constData(), 01777), 0);
+    const QByteArray folder = QFile::encodeName(downloads.folder.path());
+    QCOMPARE(::chmod(folder.constData(), 01777), 0);
+    constexpr uid_t otherUser = 65534;
+    QCOMPARE(::chown(folder.constData(), otherUser, otherUser), 0);
+    QCOMPARE(::chown(QFile::encodeName(downloads.file).constData(), otherUser, otherUser), 0);
     downloads.server.script(LoopbackServer::response(200, newBytes));
     Program program;
     program.setChildProcessModifier([] {
-        if (::setgid(65534) != 0 || ::setuid(65534) != 0)
+        if (::prctl(PR_CAPBSET_DROP, CAP_FOWNER, 0, 0, 0) != 0)
             ::_exit(99);
     });
     program.run({u"download"_s, downloads.url, downloads.file});
@@ -1328,7 +1340,10 @@ void tst_Cli::showsNoWaitingWithJson()
     program.setStandardErrorFile(terminal.path);
     program.run(server, check + QStringList{u"--json"_s, u"--timeout"_s, u"0.3"_s});
     QCOMPARE(program.outcome(), outcome(4, {}, {}));
-    QCOMPARE(terminal.shown(), QByteArray("corvane-cli: no answer within 0.3 s\r\n"));
+    QCOMPARE(
+        terminal.shown(),
+        QByteArray(
+            "corvane-cli: no answer within 0.3 s; the service may have acted all the same\r\n"));
 }
 
 QTEST_GUILESS_MAIN(tst_Cli)

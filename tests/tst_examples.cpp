@@ -46,7 +46,8 @@ void tst_Examples::minimalSaysWhatIsOnOffer_data()
     QTest::addColumn<QByteArray>("output");
 
     QTest::newRow("newer") << QByteArray("1.5.0") << QByteArray("On offer: \"1.5.0\"\n");
-    QTest::newRow("installed") << QByteArray("1.4.0") << QByteArray("Nothing new. \"1.4.0\"\n");
+    QTest::newRow("installed") << QByteArray("1.4.0")
+                               << QByteArray("Nothing to install. \"1.4.0\"\n");
 }
 
 void tst_Examples::minimalSaysWhatIsOnOffer()

@@ -24,6 +24,7 @@ private Q_SLOTS:
     void replacesThePathOfTheServerUrlAlone();
     void sendsUtf8();
     void laterChangesDoNotReachTheRequest();
+    void connectionClosedBeforeAnyAnswerEndsInOneSignal();
     void followsReplyOrderNotCallOrder();
 };
 
@@ -65,7 +66,7 @@ void tst_JsonTransport::sendsCompactJsonUnderOneHeader()
     host.log.settled();
     QCOMPARE(PlainNetwork::ownPart(host.server, host.server.requests().constFirst()),
              "POST /api/v1/client/usage\n"
-             "Content-Type: application/json\n"
+             "content-type: application/json\n"
              "\n"
              R"({"event_type":"E","license_key":"K","list":[1,"a b"],"machine_fingerprint":"M",)"
              R"("product_code":"DEMO"})");
@@ -127,6 +128,25 @@ void tst_JsonTransport::laterChangesDoNotReachTheRequest()
     QCOMPARE(host.server.requests().constFirst().body,
              R"({"a":1,"event_type":"E","license_key":"K","machine_fingerprint":"M",)"
              R"("product_code":"DEMO"})");
+}
+
+// The network layer may send such a request again by itself; the client must not on top of it.
+void tst_JsonTransport::connectionClosedBeforeAnyAnswerEndsInOneSignal()
+{
+    Host host;
+    for (int i = 0; i < 8; ++i)
+        host.server.script({}, LoopbackServer::Close);
+    host.client.capturePayPalPurchase(u"O"_s);
+    const QStringList lines = host.log.settled();
+    const qsizetype requestCount = host.server.requests().size();
+
+    LoopbackServer plainServer;
+    for (int i = 0; i < 7; ++i)
+        plainServer.script({}, LoopbackServer::Close);
+    const PlainNetwork::Answer plain = PlainNetwork::ask(
+        plainServer, host.server.requests().constFirst(), {}, LoopbackServer::Close);
+    QCOMPARE(lines, QStringList{SignalLog::networkError(plain.errorString)});
+    QCOMPARE(requestCount, plainServer.requests().size());
 }
 
 void tst_JsonTransport::followsReplyOrderNotCallOrder()

@@ -144,7 +144,7 @@ void tst_LoopbackServer::ownPartLeavesOutWhatAPlainRequestHas()
     QCOMPARE(PlainNetwork::ownPart(server, request), "GET /a?b\n\n");
 
     request.headers.append(qMakePair(QByteArray("X-Own"), QByteArray("1")));
-    QCOMPARE(PlainNetwork::ownPart(server, request), "GET /a?b\nX-Own: 1\n\n");
+    QCOMPARE(PlainNetwork::ownPart(server, request), "GET /a?b\nx-own: 1\n\n");
 }
 
 void tst_LoopbackServer::ownPartNamesWhatOnlyAPlainRequestHas()
@@ -152,8 +152,9 @@ void tst_LoopbackServer::ownPartNamesWhatOnlyAPlainRequestHas()
     LoopbackServer server;
     LoopbackServer::Request request =
         PlainNetwork::ask(server, {"POST", "/", {}, {}, "body"}).request;
-    request.headers.removeIf([](const auto &header) { return header.first == "User-Agent"; });
-    QCOMPARE(PlainNetwork::ownPart(server, request), "POST /\n-User-Agent\n\nbody");
+    request.headers.removeIf(
+        [](const auto &header) { return header.first.toLower() == "user-agent"; });
+    QCOMPARE(PlainNetwork::ownPart(server, request), "POST /\n-user-agent\n\nbody");
 }
 
 QTEST_GUILESS_MAIN(tst_LoopbackServer)

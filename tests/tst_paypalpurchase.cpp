@@ -134,7 +134,7 @@ void tst_PayPalPurchase::sendsRequest_data()
     const auto row = [](const char *name, const Call &call, const char *path, const char *body) {
         QTest::newRow(name) << call
                             << QByteArray(QByteArray("POST /api/v1/purchase/") + path
-                                          + "\nContent-Type: application/json\n\n" + body);
+                                          + "\ncontent-type: application/json\n\n" + body);
     };
     row(
         "start",

@@ -14,7 +14,6 @@ private Q_SLOTS:
     void init();
     void sendsMembers_data();
     void sendsMembers();
-    void leavesThePayloadOfTheCallerAlone();
     void reportsAnswer_data();
     void reportsAnswer();
 };
@@ -72,14 +71,6 @@ void tst_UsageEvents::sendsMembers()
     QVERIFY(host.server.waitForRequests(1));
     QCOMPARE(host.server.requests().constFirst().target, "/api/v1/client/usage");
     QCOMPARE(host.server.requests().constFirst().body, body);
-}
-
-void tst_UsageEvents::leavesThePayloadOfTheCallerAlone()
-{
-    Host host;
-    const QJsonObject payload{{u"event_type"_s, u"mine"_s}};
-    host.client.sendUsage(u"K"_s, u"M"_s, u"E"_s, payload);
-    QCOMPARE(payload, (QJsonObject{{u"event_type"_s, u"mine"_s}}));
 }
 
 void tst_UsageEvents::reportsAnswer_data()

@@ -9,7 +9,8 @@ int main(int argc, char *argv[])
     client.setServerUrl(QUrl(app.arguments().value(1)));
     client.setProductCode(QStringLiteral("DEMO"));
     QObject::connect(&client, &Corvane::updateChecked, &app, [](const UpdateInfo &update) {
-        qInfo() << (update.updateAvailable ? "On offer:" : "Nothing new.") << update.latestVersion;
+        qInfo() << (update.updateAvailable ? "On offer:" : "Nothing to install.")
+                << update.latestVersion;
         QCoreApplication::quit();
     });
     // Queued, because a call that cannot be sent is refused before it returns.

@@ -16,8 +16,7 @@ QJsonObject objectFrom(const QByteArray &body)
 
 } // namespace
 
-// Every request, GET or POST, is tied to the dispatcher here and nowhere else. This object is the
-// connection's context, so that a reply which outlives it calls nothing.
+// Every request, GET or POST, is tied to the dispatcher here and nowhere else.
 void Corvane::connectReply(QNetworkReply *reply, Operation operation)
 {
     connect(reply, &QNetworkReply::finished, this,

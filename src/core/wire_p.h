@@ -9,7 +9,8 @@
 // What several operations share on the wire.
 namespace Wire {
 
-// A request that no cache may answer, neither the network layer's own nor one on the way.
+// A request that no cache may answer: the attribute keeps out the network layer's own, the headers
+// those on the way. Today's Qt adds the headers for the attribute too; that is its choice.
 inline QNetworkRequest uncachedRequest(const QUrl &url)
 {
     QNetworkRequest request(url);

@@ -28,7 +28,7 @@ void Corvane::checkForUpdate(const QString &currentVersion, const QString &chann
 
     QUrlQuery query;
     query.addQueryItem(u"channel"_s, channel);
-    // Makes every request's URL its own, for caches that heed no headers.
+    // Another URL every millisecond, for caches that heed no headers.
     query.addQueryItem(u"_"_s, QString::number(QDateTime::currentMSecsSinceEpoch()));
     QUrl url = endpoint("/api/v1/releases/latest/"_L1 + m_productCode);
     url.setQuery(query);

@@ -27,7 +27,7 @@ void Corvane::downloadUpdate(const QUrl &url, const QString &destinationPath)
 
 void Corvane::saveDownload(const QByteArray &body)
 {
-    // A copy: a slot may start the next download, or delete this object, during the signal.
+    // A copy: a slot may start the next download during the signal.
     const QString path = m_downloadPath;
     QFile file(path);
     // A directory that cannot be made shows in open().

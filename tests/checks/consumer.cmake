@@ -24,7 +24,7 @@ else()
     set(corvane "-DCORVANE_SOURCE=${SOURCE_DIR}")
 endif()
 
-run(${CMAKE_COMMAND} -G Ninja -S "${SOURCE_DIR}/tests/consumer" -B "${WORK_DIR}/build" ${corvane}
+run(${CMAKE_COMMAND} -G "${GENERATOR}" -S "${SOURCE_DIR}/tests/consumer" -B "${WORK_DIR}/build" ${corvane}
     "-DCMAKE_CXX_COMPILER=${CXX}" "-DCMAKE_CXX_FLAGS=${CXX_FLAGS}")
 run(${CMAKE_COMMAND} --build "${WORK_DIR}/build")
 foreach(standard IN ITEMS 17 20 23)

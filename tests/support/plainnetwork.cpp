@@ -62,11 +62,11 @@ QByteArray PlainNetwork::ownPart(LoopbackServer &server, const LoopbackServer::R
     QByteArray text = request.method + ' ' + request.target + '\n';
     for (const auto &[name, value] : request.headers) {
         if (!hasHeader(plain, name) || plain.header(name) != value)
-            text += name + ": " + value + '\n';
+            text += name.toLower() + ": " + value + '\n';
     }
     for (const auto &[name, value] : plain.headers) {
         if (!hasHeader(request, name))
-            text += '-' + name + '\n';
+            text += '-' + name.toLower() + '\n';
     }
     return text + '\n' + request.body;
 }

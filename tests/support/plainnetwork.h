@@ -25,8 +25,8 @@ Answer ask(LoopbackServer &server, const LoopbackServer::Request &like,
 QString errorString(const QUrl &url);
 
 // What the client itself put into a recorded request: method and target, the headers that a plain
-// request to the same place does not have or has with another value (and "-Name" for those that
-// it alone has), an empty line, the body.
+// request to the same place does not have or has with another value (and "-name" for those that
+// it alone has), an empty line, the body. Header names are in lower case, as Qt 6.8 sends them.
 QByteArray ownPart(LoopbackServer &server, const LoopbackServer::Request &request);
 
 } // namespace PlainNetwork
