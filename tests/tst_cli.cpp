@@ -1,3 +1,4 @@
+#include "files.h"
 #include "loopbackserver.h"
 #include "plainnetwork.h"
 
@@ -181,19 +182,6 @@ QString outcomeOf(const QStringList &arguments)
     return program.outcome();
 }
 
-void write(const QString &path, const QByteArray &bytes)
-{
-    QFile file(path);
-    QVERIFY2(file.open(QIODevice::WriteOnly), qPrintable(file.errorString()));
-    QCOMPARE(file.write(bytes), bytes.size());
-}
-
-QByteArray read(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("cannot be read");
-}
-
 // All that is in the folder, at any depth, hidden or not, files with their bytes.
 QStringList contentsOf(const QString &folder)
 {
@@ -204,7 +192,7 @@ QStringList contentsOf(const QString &folder)
         const QString path = it.next();
         const QString name = path.mid(folder.size() + 1);
         const QFileInfo info(path);
-        contents.append(info.isFile() ? name + u": "_s + QString::fromLatin1(read(path))
+        contents.append(info.isFile() ? name + u": "_s + QString::fromLatin1(Files::contentOf(path))
                                       : name + u'/');
     }
     contents.sort();
@@ -233,7 +221,7 @@ struct Downloads
 {
     Downloads()
     {
-        write(file, oldBytes);
+        Files::write(file, oldBytes);
         before = contentsOf(folder.path());
     }
 
@@ -475,7 +463,7 @@ void tst_Cli::refusesBadPayload()
     if (payload == "(folder)")
         QVERIFY(QDir(folder.path()).mkdir(u"payload"_s));
     else if (!payload.isNull())
-        write(folder.filePath(u"payload"_s), payload);
+        Files::write(folder.filePath(u"payload"_s), payload);
     LoopbackServer server;
     Program program;
     program.setWorkingDirectory(folder.path());
@@ -515,7 +503,8 @@ void tst_Cli::sendsRequest()
     QFETCH(QString, request);
 
     QTemporaryDir folder;
-    write(folder.filePath(u"pàyload"_s), R"({"n": [1], "giorno": "lunedì", "event_type": "x"})");
+    Files::write(folder.filePath(u"pàyload"_s),
+                 R"({"n": [1], "giorno": "lunedì", "event_type": "x"})");
     LoopbackServer server;
     Program program;
     program.setWorkingDirectory(folder.path());
@@ -897,7 +886,7 @@ void tst_Cli::downloads()
         program.run({u"download"_s, downloads.url, absolute ? path : destination});
         QCOMPARE(program.outcome(), saved(QDir::cleanPath(path), bytes));
         QCOMPARE(canonical(downloads.server.requests().first()), u"GET /release\n"_s);
-        QCOMPARE(read(path), bytes);
+        QCOMPARE(Files::contentOf(path), bytes);
         QVERIFY(temporaryIn(downloads.folder.path()).isEmpty());
     }
 }
@@ -960,8 +949,8 @@ void tst_Cli::downloadReplacesALinkNotItsTarget()
     downloads.server.script(LoopbackServer::response(200, newBytes));
     QCOMPARE(outcomeOf({u"download"_s, downloads.url, link}), saved(link, newBytes));
     QVERIFY(!QFileInfo(link).isSymLink());
-    QCOMPARE(read(link), newBytes);
-    QCOMPARE(read(downloads.file), oldBytes);
+    QCOMPARE(Files::contentOf(link), newBytes);
+    QCOMPARE(Files::contentOf(downloads.file), oldBytes);
 }
 
 void tst_Cli::downloadRefusesDestination_data()
@@ -1108,7 +1097,7 @@ void tst_Cli::failedMoveLeavesWhatCameInBetween()
     program.run({u"download"_s, downloads.url, path});
     QVERIFY(downloads.server.waitForRequests(1));
     QVERIFY(QDir().mkdir(path));
-    write(path + u"/kept"_s, oldBytes);
+    Files::write(path + u"/kept"_s, oldBytes);
     downloads.server.reply(0, LoopbackServer::response(200, newBytes));
     QCOMPARE(program.outcome(),
              failure(5, u"cannot move the file to '%1': Is a directory"_s.arg(path)));

@@ -266,6 +266,7 @@ private:
 // Every test has a sandbox of its own, with a database and a releases folder that it may change.
 void tst_Sandbox::init()
 {
+    QTest::failOnWarning(QRegularExpression(u".*"_s));
     m_dir = std::make_unique<QTemporaryDir>();
     m_network = std::make_unique<QNetworkAccessManager>();
     QVERIFY(m_dir->isValid());

@@ -1,8 +1,8 @@
+#include "files.h"
 #include "host.h"
 #include "plainnetwork.h"
 
 #include <QtCore/qdir.h>
-#include <QtCore/qfile.h>
 #include <QtCore/qregularexpression.h>
 #include <QtCore/qscopeguard.h>
 #include <QtCore/qtemporarydir.h>
@@ -47,8 +47,6 @@ private Q_SLOTS:
     void slotMayStartTheNextDownload();
 
 private:
-    static QByteArray contentOf(const QString &path);
-    static void write(const QString &path, const QByteArray &content);
     static bool isOpenInThisProcess(const QString &path);
 };
 
@@ -63,19 +61,6 @@ const auto cannotSave = SignalLog::networkError(u"Impossibile salvare aggiorname
 void tst_UpdateDownload::init()
 {
     QTest::failOnWarning(QRegularExpression(u".*"_s));
-}
-
-QByteArray tst_UpdateDownload::contentOf(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : "(no such file)";
-}
-
-void tst_UpdateDownload::write(const QString &path, const QByteArray &content)
-{
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    QCOMPARE(file.write(content), content.size());
 }
 
 bool tst_UpdateDownload::isOpenInThisProcess(const QString &path)
@@ -127,7 +112,7 @@ void tst_UpdateDownload::refusalKeepsTheStoredDestination()
 
     QCOMPARE(host.log.settled(),
              (QStringList{badArguments, badArguments, SignalLog::updateDownloaded(path)}));
-    QCOMPARE(contentOf(path), "body");
+    QCOMPARE(Files::contentOf(path), "body");
     QVERIFY(!QFile::exists(other));
 }
 
@@ -156,15 +141,9 @@ void tst_UpdateDownload::setsNothingElseOnTheRequest()
     const QNetworkReply *reply = host.client.findChild<QNetworkReply *>();
     QVERIFY(reply);
 
-    QNetworkRequest expected(url);
-    expected.setAttribute(QNetworkRequest::CacheLoadControlAttribute,
-                          QNetworkRequest::AlwaysNetwork);
-    expected.setRawHeader("Cache-Control", "no-cache");
-    expected.setRawHeader("Pragma", "no-cache");
-    QNetworkAccessManager plain;
-    const QNetworkReply *plainReply = plain.get(expected);
-    QCOMPARE(reply->request(), plainReply->request());
-    QCOMPARE(reply->request().rawHeaderList(), plainReply->request().rawHeaderList());
+    const QNetworkRequest expected = PlainNetwork::uncachedRequest(url);
+    QCOMPARE(reply->request(), expected);
+    QCOMPARE(reply->request().rawHeaderList(), expected.rawHeaderList());
     QCOMPARE(reply->operation(), QNetworkAccessManager::GetOperation);
 }
 
@@ -178,7 +157,7 @@ void tst_UpdateDownload::needsNoConfiguration()
     SignalLog log(&client);
     client.downloadUpdate(server.url(u"/file"_s), path);
     QCOMPARE(log.settled(), QStringList{SignalLog::updateDownloaded(path)});
-    QCOMPARE(contentOf(path), "body");
+    QCOMPARE(Files::contentOf(path), "body");
 }
 
 void tst_UpdateDownload::savesBytesExactly_data()
@@ -205,7 +184,7 @@ void tst_UpdateDownload::savesBytesExactly()
     host.server.script(LoopbackServer::response(200, body));
     host.client.downloadUpdate(host.server.url(), path);
     QCOMPARE(host.log.settled(), QStringList{SignalLog::updateDownloaded(path)});
-    QVERIFY(contentOf(path) == body);
+    QVERIFY(Files::contentOf(path) == body);
 }
 
 void tst_UpdateDownload::createsMissingDirectories()
@@ -216,7 +195,7 @@ void tst_UpdateDownload::createsMissingDirectories()
     host.server.script(LoopbackServer::response(200, "body"));
     host.client.downloadUpdate(host.server.url(), path);
     QCOMPARE(host.log.settled(), QStringList{SignalLog::updateDownloaded(path)});
-    QCOMPARE(contentOf(dir.filePath(u"a/b/c d/file"_s)), "body");
+    QCOMPARE(Files::contentOf(dir.filePath(u"a/b/c d/file"_s)), "body");
 }
 
 void tst_UpdateDownload::savesRelativeToTheCurrentDirectory()
@@ -232,8 +211,8 @@ void tst_UpdateDownload::savesRelativeToTheCurrentDirectory()
     QCOMPARE(host.log.settled(), QStringList{SignalLog::updateDownloaded(u"file"_s)});
     host.client.downloadUpdate(host.server.url(), u"sub/dir/file"_s);
     QCOMPARE(host.log.settled().constLast(), SignalLog::updateDownloaded(u"sub/dir/file"_s));
-    QCOMPARE(contentOf(dir.filePath(u"file"_s)), "one");
-    QCOMPARE(contentOf(dir.filePath(u"sub/dir/file"_s)), "two");
+    QCOMPARE(Files::contentOf(dir.filePath(u"file"_s)), "one");
+    QCOMPARE(Files::contentOf(dir.filePath(u"sub/dir/file"_s)), "two");
 }
 
 void tst_UpdateDownload::savesUnderUnicodeNames()
@@ -244,24 +223,24 @@ void tst_UpdateDownload::savesUnderUnicodeNames()
     host.server.script(LoopbackServer::response(200, "body"));
     host.client.downloadUpdate(host.server.url(), path);
     QCOMPARE(host.log.settled(), QStringList{SignalLog::updateDownloaded(path)});
-    QCOMPARE(contentOf(path), "body");
+    QCOMPARE(Files::contentOf(path), "body");
 }
 
 void tst_UpdateDownload::overwritesFromTheStart()
 {
     QTemporaryDir dir;
     const QString path = dir.filePath(u"file"_s);
-    write(path, "a much longer file than the download");
+    Files::write(path, "a much longer file than the download");
     Host host;
     host.server.script(LoopbackServer::response(200, "short"));
     host.server.script(LoopbackServer::response(200, ""));
     host.client.downloadUpdate(host.server.url(), path);
     host.log.settled();
-    QCOMPARE(contentOf(path), "short");
+    QCOMPARE(Files::contentOf(path), "short");
     host.client.downloadUpdate(host.server.url(), path);
     const QString saved = SignalLog::updateDownloaded(path);
     QCOMPARE(host.log.settled(), (QStringList{saved, saved}));
-    QCOMPARE(contentOf(path), "");
+    QCOMPARE(Files::contentOf(path), "");
 }
 
 void tst_UpdateDownload::savesSuccessWithoutContent()
@@ -272,7 +251,7 @@ void tst_UpdateDownload::savesSuccessWithoutContent()
     host.server.script("HTTP/1.1 204 No Content\r\n\r\n");
     host.client.downloadUpdate(host.server.url(), path);
     QCOMPARE(host.log.settled(), QStringList{SignalLog::updateDownloaded(path)});
-    QCOMPARE(contentOf(path), "");
+    QCOMPARE(Files::contentOf(path), "");
 }
 
 void tst_UpdateDownload::destinationThatCannotBeOpened_data()
@@ -291,13 +270,13 @@ void tst_UpdateDownload::destinationThatCannotBeOpened()
     QFETCH(QString, name);
 
     QTemporaryDir dir;
-    write(dir.filePath(u"file"_s), "old");
+    Files::write(dir.filePath(u"file"_s), "old");
     QVERIFY(QDir(dir.path()).mkdir(u"dir"_s));
     Host host;
     host.server.script(LoopbackServer::response(200, "body"));
     host.client.downloadUpdate(host.server.url(), dir.filePath(name));
     QCOMPARE(host.log.settled(), QStringList{cannotSave});
-    QCOMPARE(contentOf(dir.filePath(u"file"_s)), "old");
+    QCOMPARE(Files::contentOf(dir.filePath(u"file"_s)), "old");
     QCOMPARE(QDir(dir.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
              (QStringList{u"dir"_s, u"file"_s}));
 }
@@ -346,7 +325,7 @@ void tst_UpdateDownload::failedTransferLeavesTheDestinationAlone()
     const QString path = dir.filePath(u"a/file"_s);
     if (exists) {
         QVERIFY(QDir(dir.path()).mkdir(u"a"_s));
-        write(path, "old");
+        Files::write(path, "old");
     }
     Host host;
     // The network layer tries again when a connection closes without an answer.
@@ -357,7 +336,7 @@ void tst_UpdateDownload::failedTransferLeavesTheDestinationAlone()
     QCOMPARE(lines,
              QStringList{
                  SignalLog::networkError(PlainNetwork::errorString(host.server.url(u"/file"_s)))});
-    QCOMPARE(contentOf(path), exists ? "old" : "(no such file)");
+    QCOMPARE(Files::contentOf(path), exists ? "old" : "(cannot be read)");
     QCOMPARE(QFile::exists(dir.filePath(u"a"_s)), exists);
 }
 
@@ -367,7 +346,7 @@ void tst_UpdateDownload::brokenOffTransferIsWhatTheNetworkLayerCallsIt()
 {
     QTemporaryDir dir;
     const QString path = dir.filePath(u"file"_s);
-    write(path, "old");
+    Files::write(path, "old");
     Host host;
     host.server.script("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nhalf", LoopbackServer::Close);
     host.client.downloadUpdate(host.server.url(), path);
@@ -380,7 +359,7 @@ void tst_UpdateDownload::brokenOffTransferIsWhatTheNetworkLayerCallsIt()
     QCOMPARE(lines,
              QStringList{error.isNull() ? SignalLog::updateDownloaded(path)
                                         : SignalLog::networkError(error)});
-    QCOMPARE(contentOf(path), error.isNull() ? "half" : "old");
+    QCOMPARE(Files::contentOf(path), error.isNull() ? "half" : "old");
 }
 
 void tst_UpdateDownload::fileIsOpenDuringTheSignalAndClosedAfter()
@@ -428,11 +407,11 @@ void tst_UpdateDownload::overlappingDownloadsShareTheDestinationGivenLast()
     QSignalSpy downloaded(&host.client, &Corvane::updateDownloaded);
     host.server.reply(1, LoopbackServer::response(200, "of the second call"));
     QVERIFY(downloaded.wait());
-    QCOMPARE(contentOf(second), "of the second call");
+    QCOMPARE(Files::contentOf(second), "of the second call");
     host.server.reply(0, LoopbackServer::response(200, "of the first"));
     const QString line = SignalLog::updateDownloaded(second);
     QCOMPARE(host.log.settled(), (QStringList{line, line}));
-    QCOMPARE(contentOf(second), "of the first");
+    QCOMPARE(Files::contentOf(second), "of the first");
     QVERIFY(!QFile::exists(first));
 }
 
@@ -455,8 +434,8 @@ void tst_UpdateDownload::slotMayStartTheNextDownload()
     QCOMPARE(
         log.settled(),
         (QStringList{SignalLog::updateDownloaded(first), SignalLog::updateDownloaded(second)}));
-    QCOMPARE(contentOf(first), "1");
-    QCOMPARE(contentOf(second), "2");
+    QCOMPARE(Files::contentOf(first), "1");
+    QCOMPARE(Files::contentOf(second), "2");
 }
 
 QTEST_GUILESS_MAIN(tst_UpdateDownload)

@@ -2,7 +2,6 @@
 
 #include <QtNetwork/qnetworkaccessmanager.h>
 #include <QtNetwork/qnetworkreply.h>
-#include <QtNetwork/qnetworkrequest.h>
 #include <QtTest/qsignalspy.h>
 
 #include <memory>
@@ -46,6 +45,17 @@ PlainNetwork::Answer PlainNetwork::ask(LoopbackServer &server, const LoopbackSer
     const std::unique_ptr<QNetworkReply> reply(send(network, url, like));
     waitForEnd(reply.get());
     return {server.requests().constLast(), reply->errorString()};
+}
+
+QNetworkRequest PlainNetwork::uncachedRequest(const QUrl &url)
+{
+    QNetworkRequest request(url);
+    request.setAttribute(QNetworkRequest::CacheLoadControlAttribute,
+                         QNetworkRequest::AlwaysNetwork);
+    request.setRawHeader("Cache-Control", "no-cache");
+    request.setRawHeader("Pragma", "no-cache");
+    QNetworkAccessManager network;
+    return network.get(request)->request();
 }
 
 QString PlainNetwork::errorString(const QUrl &url)

@@ -4,6 +4,7 @@
 #include "loopbackserver.h"
 
 #include <QtCore/qstring.h>
+#include <QtNetwork/qnetworkrequest.h>
 
 // What a plain QNetworkAccessManager, told nothing, makes of things. The network layer decides
 // default headers and error texts, and they differ between its versions: tests ask it.
@@ -20,6 +21,9 @@ struct Answer
 Answer ask(LoopbackServer &server, const LoopbackServer::Request &like,
            const QByteArray &response = LoopbackServer::response(200, "{}"),
            LoopbackServer::After after = LoopbackServer::KeepOpen);
+
+// A GET of the URL that no cache may answer, as a plain manager sends it.
+QNetworkRequest uncachedRequest(const QUrl &url);
 
 // The error text of a plain GET of the URL; null if it succeeds.
 QString errorString(const QUrl &url);
