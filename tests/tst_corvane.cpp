@@ -2,6 +2,7 @@
 
 #include <QtCore/qmetaobject.h>
 #include <QtCore/qregularexpression.h>
+#include <QtCore/qscopeguard.h>
 #include <QtCore/qthread.h>
 #include <QtNetwork/qnetworkaccessmanager.h>
 #include <QtNetwork/qnetworkreply.h>
@@ -22,6 +23,7 @@ class tst_Corvane : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void initTestCase();
     void init();
     void startsUnconfigured();
     void belongsToItsParent();
@@ -38,9 +40,9 @@ private Q_SLOTS:
     void metaCallEmitsTheSignalOfItsIndex();
     void registersArgumentTypesOfTheRecords();
     void castsToItsOwnName();
-    void registersRecordsByName();
     void recordsStartAtTheirDefaults();
     void recordsKeepTheirFieldOrder();
+    void recordsHaveNoOperatorsOfTheirOwn();
     void internalMembersArePrivate();
     void parentDestructionDropsRequestsInFlight();
     void slotMayDeleteTheClientLater();
@@ -80,6 +82,21 @@ struct CanNameOperation<T, std::void_t<typename T::Operation>> : std::true_type
 {
 };
 
+// The class overrides nothing of QObject's but what its meta-object needs.
+struct Probe : Corvane
+{
+    static_assert(std::is_same_v<decltype(&Probe::event), bool (QObject::*)(QEvent *)>);
+    static_assert(
+        std::is_same_v<decltype(&Probe::eventFilter), bool (QObject::*)(QObject *, QEvent *)>);
+    static_assert(std::is_same_v<decltype(&Probe::timerEvent), void (QObject::*)(QTimerEvent *)>);
+    static_assert(std::is_same_v<decltype(&Probe::childEvent), void (QObject::*)(QChildEvent *)>);
+    static_assert(std::is_same_v<decltype(&Probe::customEvent), void (QObject::*)(QEvent *)>);
+    static_assert(
+        std::is_same_v<decltype(&Probe::connectNotify), void (QObject::*)(const QMetaMethod &)>);
+    static_assert(
+        std::is_same_v<decltype(&Probe::disconnectNotify), void (QObject::*)(const QMetaMethod &)>);
+};
+
 const QByteArray offer = R"({"success":true,"release":{"version":"2"}})";
 
 UpdateInfo offerFrom(const QString &currentVersion)
@@ -93,6 +110,23 @@ UpdateInfo offerFrom(const QString &currentVersion)
 }
 
 } // namespace
+
+// First of all, while nothing else has named the records at run time: construction registers them.
+void tst_Corvane::initTestCase()
+{
+    for (const char *name : {"UpdateInfo", "PurchaseStartInfo", "PurchaseCaptureInfo"})
+        QVERIFY(!QMetaType::fromName(name).isValid());
+    const Corvane first;
+    const Corvane second;
+    QCOMPARE(QMetaType::fromName("UpdateInfo"), QMetaType::fromType<UpdateInfo>());
+    QCOMPARE(QMetaType::fromName("PurchaseStartInfo"), QMetaType::fromType<PurchaseStartInfo>());
+    QCOMPARE(QMetaType::fromName("PurchaseCaptureInfo"),
+             QMetaType::fromType<PurchaseCaptureInfo>());
+    // In their order.
+    QVERIFY(QMetaType::fromName("UpdateInfo").id() < QMetaType::fromName("PurchaseStartInfo").id());
+    QVERIFY(QMetaType::fromName("PurchaseStartInfo").id()
+            < QMetaType::fromName("PurchaseCaptureInfo").id());
+}
 
 void tst_Corvane::init()
 {
@@ -123,6 +157,7 @@ void tst_Corvane::ownsOneNetworkAccessManager()
     const auto managers = host.client.findChildren<QNetworkAccessManager *>();
     QCOMPARE(managers.size(), 1);
     QCOMPARE(managers.constFirst()->parent(), &host.client);
+    QVERIFY(!managers.constFirst()->isStrictTransportSecurityEnabled()); // as it is by default
 
     host.client.checkForUpdate(u"1"_s, u"stable"_s);
     host.client.downloadUpdate(host.server.url(), u"/dev/null"_s);
@@ -161,7 +196,7 @@ void tst_Corvane::normalisesProductCode_data()
     QTest::newRow("as-it-is") << u"DEMO"_s << u"DEMO"_s;
     QTest::newRow("blanks-and-case") << u"  ab-12x \n"_s << u"AB-12X"_s;
     QTest::newRow("unicode-spaces") << u"\u2003\u00A0ab\t\u3000"_s << u"AB"_s;
-    QTest::newRow("inner-blank-kept") << u" a b "_s << u"A B"_s;
+    QTest::newRow("inner-blanks-kept") << u" a  b "_s << u"A  B"_s;
     QTest::newRow("full-upper-casing") << u"stra\u00DFe \uFB01"_s << u"STRASSE FI"_s;
     QTest::newRow("outside-the-basic-plane") << u"\U00010428"_s << u"\U00010400"_s;
     QTest::newRow("blanks-only") << u" \t\r\n "_s << QString(u""_s);
@@ -334,19 +369,12 @@ void tst_Corvane::castsToItsOwnName()
     QCOMPARE(client.qt_metacast(nullptr), nullptr);
 }
 
-void tst_Corvane::registersRecordsByName()
-{
-    const Corvane first;
-    const Corvane second;
-    QCOMPARE(QMetaType::fromName("UpdateInfo"), QMetaType::fromType<UpdateInfo>());
-    QCOMPARE(QMetaType::fromName("PurchaseStartInfo"), QMetaType::fromType<PurchaseStartInfo>());
-    QCOMPARE(QMetaType::fromName("PurchaseCaptureInfo"),
-             QMetaType::fromType<PurchaseCaptureInfo>());
-    QVERIFY(QMetaType::fromName("UpdateInfo").isValid());
-}
-
 void tst_Corvane::recordsStartAtTheirDefaults()
 {
+    // These would not compile if a field had no default.
+    [[maybe_unused]] const UpdateInfo update;
+    [[maybe_unused]] const PurchaseStartInfo purchase;
+    [[maybe_unused]] const PurchaseCaptureInfo capture;
     QCOMPARE(SignalLog::updateChecked({}), uR"(updateChecked [false,"","","","","","","",{}])"_s);
     QCOMPARE(SignalLog::purchaseStarted({}), uR"(purchaseStarted [false,0,0,"","","","",{}])"_s);
     QCOMPARE(SignalLog::purchaseCaptured({}), uR"(purchaseCaptured [false,0,"",{}])"_s);
@@ -366,7 +394,30 @@ void tst_Corvane::recordsKeepTheirFieldOrder()
     const PurchaseCaptureInfo capture{true, 1, u"a"_s, {}};
     QCOMPARE(capture.licenseId, 1);
     QCOMPARE(capture.message, u"a"_s);
-    static_assert(std::is_same_v<decltype(purchase.paymentId), int>);
+    static_assert(std::is_same_v<decltype(PurchaseStartInfo::paymentId), int>);
+    static_assert(std::is_same_v<decltype(PurchaseStartInfo::licenseId), int>);
+    static_assert(std::is_same_v<decltype(PurchaseCaptureInfo::licenseId), int>);
+
+    // As many fields as these names, and no more.
+    const auto &[u1, u2, u3, u4, u5, u6, u7, u8, updateRaw] = update;
+    const auto &[s1, s2, s3, s4, s5, s6, s7, purchaseRaw] = purchase;
+    const auto &[c1, c2, c3, captureRaw] = capture;
+    QCOMPARE(&updateRaw, &update.raw);
+    QCOMPARE(&purchaseRaw, &purchase.raw);
+    QCOMPARE(&captureRaw, &capture.raw);
+}
+
+void tst_Corvane::recordsHaveNoOperatorsOfTheirOwn()
+{
+    for (const QMetaType type :
+         {QMetaType::fromType<UpdateInfo>(), QMetaType::fromType<PurchaseStartInfo>(),
+          QMetaType::fromType<PurchaseCaptureInfo>()})
+    {
+        QVERIFY(!type.isEqualityComparable());
+        QVERIFY(!type.isOrdered());
+        QVERIFY(!type.hasRegisteredDataStreamOperators());
+        QVERIFY(!type.hasRegisteredDebugStreamOperator());
+    }
 }
 
 void tst_Corvane::internalMembersArePrivate()
@@ -461,7 +512,8 @@ void tst_Corvane::answersOnTheThreadItLivesOn()
     // ThreadSanitizer sees; Qt's own order, in libraries that are not instrumented, it does not.
     thread.start();
     QTestEventLoop::instance().enterLoop(10);
-    QVERIFY(thread.wait());
+    thread.quit();
+    QVERIFY(thread.wait(10000));
     QCOMPARE(emittedOn.load(), &thread);
 }
 
@@ -507,8 +559,12 @@ void tst_Corvane::deliversRecordsToAnotherThread()
     update.notes = u"changed"_s;
     purchase.raw = {};
     capture.message.clear();
+    const auto end = qScopeGuard([&thread] {
+        thread.quit();
+        thread.wait(10000);
+    });
     thread.start();
-    QVERIFY(thread.wait());
+    QVERIFY(thread.wait(10000));
     const std::lock_guard lock(mutex);
     QCOMPARE(lines, expected);
 }

@@ -139,20 +139,20 @@ void tst_PayPalPurchase::sendsRequest_data()
     row(
         "start",
         [](Corvane &client) {
-            client.startPayPalPurchase(u" annuale-2 \n"_s, u"\tAda Maria "_s, u" De LUCA\n"_s,
+            client.startPayPalPurchase(u" annuale-2 \n"_s, u"\tAda  Maria "_s, u" De LUCA\n"_s,
                                        u" Ada.Luca@Example.ORG "_s);
         },
         "start",
-        R"({"email":"ada.luca@example.org","first_name":"Ada Maria","last_name":"De LUCA",)"
+        R"({"email":"ada.luca@example.org","first_name":"Ada  Maria","last_name":"De LUCA",)"
         R"("plan_code":"ANNUALE-2","product_code":"DEMO"})");
     row(
         "start-unicode",
         [](Corvane &client) {
             client.startPayPalPurchase(u"\u2003stra\u00DFe"_s, u"\u00C8ve"_s, u"\u00D6z"_s,
-                                       u"\u00C9VE@EXAMPLE.ORG\u3000"_s);
+                                       u"\u00C9V\u00B5@EXAMPLE.ORG\u3000"_s);
         },
         "start",
-        "{\"email\":\"\xC3\xA9ve@example.org\",\"first_name\":\"\xC3\x88ve\",\"last_name\":"
+        "{\"email\":\"\xC3\xA9v\xC2\xB5@example.org\",\"first_name\":\"\xC3\x88ve\",\"last_name\":"
         "\"\xC3\x96z\",\"plan_code\":\"STRASSE\",\"product_code\":\"DEMO\"}");
     row(
         "start-empty-texts",
@@ -190,13 +190,13 @@ void tst_PayPalPurchase::reportsStart()
 {
     const QByteArray body =
         R"({"success":true,"payment_id":2147483647,"license_id":-3,"license_key":" Ky ",)"
-        R"("paypal_order_id":"oR","approval_url":"https://p/?a=b c","extra":{"x":[1]}})";
+        R"("paypal_order_id":"oR","approval_url":" HTTP://P.Example/%7ea|b","extra":{"x":[1]}})";
     const PurchaseStartInfo expected{true,
                                      2147483647,
                                      -3,
                                      u" Ky "_s,
                                      u"oR"_s,
-                                     u"https://p/?a=b c"_s,
+                                     u" HTTP://P.Example/%7ea|b"_s,
                                      u"Pagamento avviato."_s,
                                      objectFrom(body)};
     QCOMPARE(reportFor(start, body), QStringList{SignalLog::purchaseStarted(expected)});

@@ -9,6 +9,7 @@
 #include <QtNetwork/qnetworkreply.h>
 #include <QtTest/qsignalspy.h>
 #include <QtTest/qtest.h>
+#include <QtTest/qtesteventloop.h>
 
 #include <memory>
 
@@ -37,6 +38,8 @@ private Q_SLOTS:
     void signalsFollowTheOrderOfReplies();
     void replyLivesUntilTheEventLoopThenIsGone_data();
     void replyLivesUntilTheEventLoopThenIsGone();
+    void replyIsGoneBeforeWhatASlotPosts_data();
+    void replyIsGoneBeforeWhatASlotPosts();
     void everyOperationMayBeCalledFromASlot();
     void destroyedClientSaysNothing();
 
@@ -227,6 +230,9 @@ void tst_ReplyDispatcher::everySuccessStatusIsASuccess_data()
     QTest::addColumn<bool>("accepted");
 
     for (const int status : {200, 201, 202, 203, 206, 207, 226, 299})
+        QTest::addRow("%d", status) << LoopbackServer::response(status, answer) << true;
+    // Not statuses of a success, but the network layer reports no error for them.
+    for (const int status : {300, 399})
         QTest::addRow("%d", status) << LoopbackServer::response(status, answer) << true;
     QTest::newRow("204-without-body") << QByteArray("HTTP/1.1 204 No Content\r\n\r\n") << false;
     QTest::newRow("200-without-body") << LoopbackServer::response(200, "") << false;
@@ -439,6 +445,34 @@ void tst_ReplyDispatcher::replyLivesUntilTheEventLoopThenIsGone()
     QVERIFY(handledAndAlive);
     QVERIFY(!reply);
     QCOMPARE(destroyed.size(), 1);
+}
+
+void tst_ReplyDispatcher::replyIsGoneBeforeWhatASlotPosts_data()
+{
+    replyLivesUntilTheEventLoopThenIsGone_data();
+}
+
+// The reply is scheduled for deletion before the signal, not after it.
+void tst_ReplyDispatcher::replyIsGoneBeforeWhatASlotPosts()
+{
+    QFETCH(int, operation);
+    QFETCH(int, status);
+
+    Host host;
+    host.server.script(LoopbackServer::response(status, answer));
+    operations(host.server.url(), destination()).at(operation).call(host.client);
+    const QPointer<QNetworkReply> reply = host.client.findChild<QNetworkReply *>();
+    QVERIFY(reply);
+    bool gone = false;
+    const auto look = [&gone, &reply] {
+        gone = !reply;
+        QTestEventLoop::instance().exitLoop();
+    };
+    connect(&host.log, &SignalLog::lineAdded, this,
+            [&host, look] { QMetaObject::invokeMethod(&host.client, look, Qt::QueuedConnection); });
+    QTestEventLoop::instance().enterLoop(10);
+    QVERIFY(!QTestEventLoop::instance().timeout());
+    QVERIFY(gone);
 }
 
 void tst_ReplyDispatcher::everyOperationMayBeCalledFromASlot()

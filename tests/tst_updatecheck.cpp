@@ -150,6 +150,10 @@ void tst_UpdateCheck::setsNothingElseOnTheRequest()
     const QNetworkRequest expected = PlainNetwork::uncachedRequest(reply->url());
     QCOMPARE(reply->request(), expected);
     QCOMPARE(reply->request().rawHeaderList(), expected.rawHeaderList());
+    // As an integer: a comparison of variants takes false for 0.
+    const QVariant control = reply->request().attribute(QNetworkRequest::CacheLoadControlAttribute);
+    QCOMPARE(control.typeId(), int(QMetaType::Int));
+    QCOMPARE(control.toInt(), 0);
     QCOMPARE(reply->operation(), QNetworkAccessManager::GetOperation);
 }
 
@@ -310,6 +314,7 @@ void tst_UpdateCheck::comparesVersionsLetterForLetter_data()
     QTest::newRow("leading-v") << u"1.4.0"_s << u"v1.4.0"_s << true;
     QTest::newRow("trailing-zero") << u"1.4"_s << u"1.4.0"_s << true;
     QTest::newRow("composed-otherwise") << u"\u00E9"_s << u"e\u0301"_s << true;
+    QTest::newRow("blanks-around-installed") << u" 1.4.0 "_s << u"1.4.0"_s << true;
     QTest::newRow("nothing-installed") << QString() << u"1.4.0"_s << true;
     QTest::newRow("nothing-offered") << u"1.4.0"_s << QString() << false;
     QTest::newRow("nothing-at-all") << QString() << QString() << false;
@@ -390,22 +395,29 @@ void tst_UpdateCheck::readsTextsOnly()
 
 void tst_UpdateCheck::neitherUrlStandsInForTheOther_data()
 {
+    QTest::addColumn<QByteArray>("release");
     QTest::addColumn<QString>("downloadUrl");
     QTest::addColumn<QString>("stableDownloadUrl");
 
-    QTest::newRow("no-download-url") << QString() << u"http://d/2"_s;
-    QTest::newRow("no-stable-download-url") << u"http://d/1"_s << QString();
+    const auto row = [](const char *name, const char *release, const QString &downloadUrl,
+                        const QString &stableDownloadUrl) {
+        QTest::newRow(name) << QByteArray(release) << downloadUrl << stableDownloadUrl;
+    };
+    const QString url = u"http://d/1"_s;
+    row("download-url-missing", R"({"stable_download_url":"http://d/1"})", {}, url);
+    row("download-url-empty", R"({"download_url":"","stable_download_url":"http://d/1"})", {}, url);
+    row("stable-download-url-missing", R"({"download_url":"http://d/1"})", url, {});
+    row("stable-download-url-empty", R"({"download_url":"http://d/1","stable_download_url":""})",
+        url, {});
 }
 
 void tst_UpdateCheck::neitherUrlStandsInForTheOther()
 {
+    QFETCH(QByteArray, release);
     QFETCH(QString, downloadUrl);
     QFETCH(QString, stableDownloadUrl);
 
-    const QJsonObject release{{u"download_url"_s, downloadUrl},
-                              {u"stable_download_url"_s, stableDownloadUrl}};
-    const QByteArray body =
-        QJsonDocument(QJsonObject{{u"success"_s, true}, {u"release"_s, release}}).toJson();
+    const QByteArray body = R"({"success":true,"release":)" + release + '}';
     UpdateInfo expected = nothing(body);
     expected.downloadUrl = downloadUrl;
     expected.stableDownloadUrl = stableDownloadUrl;

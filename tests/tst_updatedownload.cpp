@@ -27,6 +27,9 @@ private Q_SLOTS:
     void sendsRequest();
     void setsNothingElseOnTheRequest();
     void needsNoConfiguration();
+    void relativeUrlIsNotResolved();
+    void destinationIsTakenAsGiven_data();
+    void destinationIsTakenAsGiven();
     void savesBytesExactly_data();
     void savesBytesExactly();
     void createsMissingDirectories();
@@ -41,6 +44,7 @@ private Q_SLOTS:
     void failedTransferLeavesTheDestinationAlone_data();
     void failedTransferLeavesTheDestinationAlone();
     void brokenOffTransferIsWhatTheNetworkLayerCallsIt();
+    void fileIsWrittenBeforeTheSignal();
     void fileIsOpenDuringTheSignalAndClosedAfter();
     void createsNoOtherFile();
     void overlappingDownloadsShareTheDestinationGivenLast();
@@ -144,6 +148,10 @@ void tst_UpdateDownload::setsNothingElseOnTheRequest()
     const QNetworkRequest expected = PlainNetwork::uncachedRequest(url);
     QCOMPARE(reply->request(), expected);
     QCOMPARE(reply->request().rawHeaderList(), expected.rawHeaderList());
+    // As an integer: a comparison of variants takes false for 0.
+    const QVariant control = reply->request().attribute(QNetworkRequest::CacheLoadControlAttribute);
+    QCOMPARE(control.typeId(), int(QMetaType::Int));
+    QCOMPARE(control.toInt(), 0);
     QCOMPARE(reply->operation(), QNetworkAccessManager::GetOperation);
 }
 
@@ -157,6 +165,39 @@ void tst_UpdateDownload::needsNoConfiguration()
     SignalLog log(&client);
     client.downloadUpdate(server.url(u"/file"_s), path);
     QCOMPARE(log.settled(), QStringList{SignalLog::updateDownloaded(path)});
+    QCOMPARE(Files::contentOf(path), "body");
+}
+
+void tst_UpdateDownload::relativeUrlIsNotResolved()
+{
+    QTemporaryDir dir;
+    const QUrl relative(u"file.bin"_s);
+    Host host;
+    host.client.downloadUpdate(relative, dir.filePath(u"file"_s));
+    QCOMPARE(host.client.findChild<QNetworkReply *>()->url(), relative);
+    QCOMPARE(host.log.settled(),
+             QStringList{SignalLog::networkError(PlainNetwork::errorString(relative))});
+    QVERIFY(host.server.requests().isEmpty());
+}
+
+void tst_UpdateDownload::destinationIsTakenAsGiven_data()
+{
+    QTest::addColumn<QString>("name");
+
+    QTest::newRow("not-clean") << u"./b//file"_s;
+    QTest::newRow("blanks") << u" file "_s;
+}
+
+void tst_UpdateDownload::destinationIsTakenAsGiven()
+{
+    QFETCH(QString, name);
+
+    QTemporaryDir dir;
+    const QString path = dir.path() + u'/' + name;
+    Host host;
+    host.server.script(LoopbackServer::response(200, "body"));
+    host.client.downloadUpdate(host.server.url(), path);
+    QCOMPARE(host.log.settled(), QStringList{SignalLog::updateDownloaded(path)});
     QCOMPARE(Files::contentOf(path), "body");
 }
 
@@ -293,12 +334,16 @@ void tst_UpdateDownload::keepsDirectoriesMadeForAFailedSave()
 
 void tst_UpdateDownload::fullDeviceGoesUnreported()
 {
-    // A device that takes no byte, as a full disk does.
-    QVERIFY(QFile::exists(u"/dev/full"_s));
+    // A device that takes no byte, as a full disk does, behind a link, so that a client which
+    // cleans up after itself removes no more than that.
+    QTemporaryDir dir;
+    const QString path = dir.filePath(u"full"_s);
+    QVERIFY(QFile::link(u"/dev/full"_s, path));
     Host host;
     host.server.script(LoopbackServer::response(200, QByteArray(1 << 20, 'x')));
-    host.client.downloadUpdate(host.server.url(), u"/dev/full"_s);
-    QCOMPARE(host.log.settled(), QStringList{SignalLog::updateDownloaded(u"/dev/full"_s)});
+    host.client.downloadUpdate(host.server.url(), path);
+    QCOMPARE(host.log.settled(), QStringList{SignalLog::updateDownloaded(path)});
+    QVERIFY(QFileInfo(path).isSymLink());
 }
 
 void tst_UpdateDownload::failedTransferLeavesTheDestinationAlone_data()
@@ -360,6 +405,21 @@ void tst_UpdateDownload::brokenOffTransferIsWhatTheNetworkLayerCallsIt()
              QStringList{error.isNull() ? SignalLog::updateDownloaded(path)
                                         : SignalLog::networkError(error)});
     QCOMPARE(Files::contentOf(path), error.isNull() ? "half" : "old");
+}
+
+void tst_UpdateDownload::fileIsWrittenBeforeTheSignal()
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath(u"file"_s);
+    const QByteArray body(1 << 20, 'x'); // more than a file buffers
+    qint64 sizeDuring = -1;
+    Host host;
+    connect(&host.client, &Corvane::updateDownloaded, this,
+            [&] { sizeDuring = QFileInfo(path).size(); });
+    host.server.script(LoopbackServer::response(200, body));
+    host.client.downloadUpdate(host.server.url(), path);
+    QCOMPARE(host.log.settled(), QStringList{SignalLog::updateDownloaded(path)});
+    QCOMPARE(sizeDuring, body.size());
 }
 
 void tst_UpdateDownload::fileIsOpenDuringTheSignalAndClosedAfter()

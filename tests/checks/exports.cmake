@@ -1,4 +1,17 @@
-# LIBRARY exports the class and its meta-object and nothing else, and needs no GUI library.
+# LIBRARY exports the class and its meta-object and nothing else, needs no GUI library, and has no
+# means to log, print or read the environment.
+
+# Whatever else shows up under Corvane:: is either a new operation or a helper that grew public.
+set(members
+    Corvane metaObject qt_metacast qt_metacall staticMetaObject
+    setServerUrl serverUrl setProductCode productCode
+    checkForUpdate downloadUpdate fetchPurchasePlans startPayPalPurchase resumePayPalPurchase
+    capturePayPalPurchase sendUsage
+    usageSent updateChecked updateDownloaded purchasePlansReceived purchaseStarted purchaseCaptured
+    networkError
+    checkConfiguration endpoint postJson connectReply handleReply parseUpdate saveDownload
+    parsePurchaseStart parsePurchaseCapture)
+list(JOIN members "|" members)
 execute_process(COMMAND nm --dynamic --demangle --defined-only "${LIBRARY}"
     OUTPUT_VARIABLE symbols COMMAND_ERROR_IS_FATAL ANY)
 string(REGEX MATCHALL "[^\n]+" symbols "${symbols}")
@@ -6,7 +19,7 @@ if(NOT symbols)
     message(FATAL_ERROR "nm lists no symbol")
 endif()
 foreach(symbol IN LISTS symbols)
-    if(NOT symbol MATCHES "^[0-9a-f]+ [A-Z] (Corvane::|(vtable|typeinfo|typeinfo name) for Corvane$)")
+    if(NOT symbol MATCHES "^[0-9a-f]+ [A-Z] (Corvane::~?(${members})($|\\()|(vtable|typeinfo|typeinfo name) for Corvane$)")
         message(SEND_ERROR "exported beside the class: ${symbol}")
     endif()
 endforeach()
@@ -22,4 +35,10 @@ foreach(library IN LISTS needed)
 endforeach()
 if(NOT dynamic MATCHES "\\(SONAME\\)[^\n]*\\[libCorvane\\.so\\.${SOVERSION}\\]")
     message(SEND_ERROR "the soname is not libCorvane.so.${SOVERSION}")
+endif()
+
+execute_process(COMMAND nm --dynamic --demangle --undefined-only "${LIBRARY}"
+    OUTPUT_VARIABLE used COMMAND_ERROR_IS_FATAL ANY)
+if(used MATCHES "getenv|qEnvironmentVariable|QSettings|QMessageLogger|QDebug|QLoggingCategory|printf|puts|fwrite|ostream")
+    message(SEND_ERROR "logs, prints or reads the environment: ${CMAKE_MATCH_0}")
 endif()
