@@ -117,8 +117,8 @@ void Download::keep()
     }
     if (m_sha256.isEmpty() && !hasRoom()) {
         m_session.fail(Unusable,
-                       u"no room is left on the disk, the file may be cut short, nothing "
-                       "was saved; free some room, or give --sha256"_s);
+                       u"no room is left on the disk or below the file size limit, the file may be "
+                       "cut short, nothing was saved; make room, or give --sha256"_s);
         return;
     }
     if (!moveIntoPlace())
@@ -146,14 +146,15 @@ bool Download::readBack()
     return true;
 }
 
-// The library reports no failing write. A disk that takes not one block more is the trace that one
-// leaves; a file that fits to the last block looks the same, and is refused as well.
+// The library reports no failing write. A file that takes not one block more, be it for the disk or
+// for a limit on its size, is the trace that one leaves; a file that just fits looks the same, and
+// is refused as well.
 bool Download::hasRoom() const
 {
-    QFile probe(m_temporary.filePath(u"probe"_s));
+    QFile file(m_path);
     const QByteArray block(4096, '\0');
-    return probe.open(QIODevice::WriteOnly | QIODevice::Unbuffered)
-        && probe.write(block) == block.size();
+    return file.open(QIODevice::Append | QIODevice::Unbuffered) && file.write(block) == block.size()
+        && file.resize(m_size);
 }
 
 bool Download::moveIntoPlace()

@@ -143,8 +143,10 @@ void Session::handleSignal()
 
 void Session::watchSignals()
 {
-    // Output that nobody reads must not end the program before it has cleaned up.
+    // Neither output that nobody reads nor a file that grows too large must end the program before
+    // it has cleaned up.
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     if (::pipe2(wakeUpPipe, O_CLOEXEC | O_NONBLOCK) != 0)
         return; // Signals end the program as they do any other.
 

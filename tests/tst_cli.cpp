@@ -24,6 +24,7 @@
 #include <pty.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -79,6 +80,8 @@ private Q_SLOTS:
     void failedSaveChangesNothing();
     void fullDiskChangesNothing_data();
     void fullDiskChangesNothing();
+    void fileSizeLimitChangesNothing_data();
+    void fileSizeLimitChangesNothing();
     void lostReaderLeavesNothingBehind();
     void signalEndsTheWaiting_data();
     void signalEndsTheWaiting();
@@ -107,6 +110,10 @@ QString failure(int status, const QString &error)
 {
     return outcome(status, {}, u"corvane-cli: "_s + error + u'\n');
 }
+
+const QString noRoom =
+    u"no room is left on the disk or below the file size limit, the file may be cut short, "
+    "nothing was saved; make room, or give --sha256"_s;
 
 QString saved(const QString &path, const QByteArray &bytes)
 {
@@ -1126,9 +1133,7 @@ void tst_Cli::fullDiskChangesNothing_data()
     const QByteArray body(1'000'000, 'x');
     QTest::addRow("sha256-given") << QStringList{u"--sha256"_s, sha256Of(body)}
                                   << u"the SHA-256 differs, nothing was saved: .* was downloaded"_s;
-    QTest::addRow("no-sha256") << QStringList()
-                               << u"no room is left on the disk, the file may be cut short, "
-                                  "nothing was saved; free some room, or give --sha256"_s;
+    QTest::addRow("no-sha256") << QStringList() << noRoom;
 }
 
 void tst_Cli::fullDiskChangesNothing()
@@ -1162,6 +1167,34 @@ void tst_Cli::fullDiskChangesNothing()
         + u"corvane-cli: "_s + error + u"\n"_s));
     const QString result = program.outcome();
     QVERIFY2(expected.match(result).hasMatch(), qPrintable(result));
+}
+
+void tst_Cli::fileSizeLimitChangesNothing_data()
+{
+    QTest::addColumn<bool>("ignored");
+
+    QTest::addRow("signal-ignored") << true;
+    QTest::addRow("signal-not-ignored") << false;
+}
+
+// A file cut short by the limit used to replace the good one, or the limit's signal to leave the
+// temporary folder behind.
+void tst_Cli::fileSizeLimitChangesNothing()
+{
+    QFETCH(bool, ignored);
+
+    Downloads downloads;
+    downloads.server.script(LoopbackServer::response(200, QByteArray(1'000'000, 'x')));
+    Program program;
+    program.setChildProcessModifier([ignored] {
+        constexpr rlimit limit{100'000, 100'000};
+        if (::setrlimit(RLIMIT_FSIZE, &limit) != 0)
+            ::_exit(99);
+        ::signal(SIGXFSZ, ignored ? SIG_IGN : SIG_DFL);
+    });
+    program.run({u"download"_s, downloads.url, downloads.file});
+    QCOMPARE(program.outcome(), failure(5, noRoom));
+    QCOMPARE(contentsOf(downloads.folder.path()), downloads.before);
 }
 
 void tst_Cli::lostReaderLeavesNothingBehind()
