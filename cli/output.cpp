@@ -2,26 +2,53 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
+#include <climits>
+#include <iterator>
+
+#include <poll.h>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
-bool print(const QString &text)
-{
-    const QByteArray bytes = text.toUtf8();
-    std::fwrite(bytes.constData(), 1, std::size_t(bytes.size()), stdout);
-    // Whatever fwrite() could not write, a full disk for one, shows here at the latest.
-    if (std::fflush(stdout) == 0 && !std::ferror(stdout))
-        return true;
+namespace {
 
-    printError(u"cannot write the result: "_s + qt_error_string(errno));
-    return false;
+// 0, or the errno that says why not all was written; EINTR for an interruption.
+int writeAll(int output, const QByteArray &bytes, int interruption)
+{
+    // What poll() finds room for, a pipe takes without blocking.
+    constexpr qsizetype most = PIPE_BUF;
+    for (qsizetype at = 0; at < bytes.size();) {
+        pollfd waiting[] = {{output, POLLOUT, 0}, {interruption, POLLIN, 0}};
+        if (::poll(waiting, std::size(waiting), -1) < 0 && errno != EINTR)
+            return errno;
+        if (waiting[1].revents != 0)
+            return EINTR;
+        if (waiting[0].revents == 0)
+            continue;
+
+        const ssize_t written =
+            ::write(output, bytes.constData() + at, std::size_t(std::min(most, bytes.size() - at)));
+        if (written >= 0)
+            at += written;
+        else if (errno != EINTR && errno != EAGAIN)
+            return errno;
+    }
+    return 0;
 }
 
-void printError(const QString &message)
+} // namespace
+
+bool print(const QString &text, int interruption)
 {
-    const QByteArray bytes = "corvane-cli: " + message.toUtf8() + '\n';
-    std::fwrite(bytes.constData(), 1, std::size_t(bytes.size()), stderr);
+    const int error = writeAll(STDOUT_FILENO, text.toUtf8(), interruption);
+    if (error != 0 && error != EINTR)
+        printError(u"cannot write the result: "_s + qt_error_string(error), interruption);
+    return error == 0;
+}
+
+void printError(const QString &message, int interruption)
+{
+    writeAll(STDERR_FILENO, "corvane-cli: " + message.toUtf8() + '\n', interruption);
 }
 
 QString labelled(const QList<std::pair<QString, QString>> &rows)

@@ -19,11 +19,12 @@ enum ExitStatus {
 };
 
 // Writes the text to standard output, as UTF-8 in any locale. Says so on standard error and returns
-// false when it cannot be written whole.
-bool print(const QString &text);
+// false when it cannot be written whole. Gives up in silence when the descriptor of an interruption
+// becomes readable: a reader that stalls would hold the program for ever.
+bool print(const QString &text, int interruption = -1);
 
-// Writes one message to standard error.
-void printError(const QString &message);
+// Writes one message to standard error, and gives up in the same way.
+void printError(const QString &message, int interruption = -1);
 
 // One "Label: value" a line, with the values in one column. Rows without a value are left out.
 QString labelled(const QList<std::pair<QString, QString>> &rows);

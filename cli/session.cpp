@@ -42,7 +42,7 @@ void catchUnlessIgnored(int number)
 
     action = {};
     action.sa_handler = catchSignal;
-    action.sa_flags = SA_RESTART;
+    // Without SA_RESTART: the terminal may hold up whoever writes to it.
     ::sigaction(number, &action, nullptr);
 }
 
@@ -83,7 +83,7 @@ void Session::finish(const Report &report)
 {
     if (!close())
         return;
-    QCoreApplication::exit(printReport(report) ? Done : Unwritten);
+    end(printReport(report) ? Done : Unwritten);
 }
 
 void Session::refuse(const Report &report, const QString &reason)
@@ -91,16 +91,17 @@ void Session::refuse(const Report &report, const QString &reason)
     if (!close())
         return;
     printReport(report);
-    printError(reason.isEmpty() ? u"the service said no and gave no reason"_s : reason);
-    QCoreApplication::exit(Refused);
+    printError(reason.isEmpty() ? u"the service said no and gave no reason"_s : reason,
+               wakeUpPipe[0]);
+    end(Refused);
 }
 
 void Session::fail(ExitStatus status, const QString &message)
 {
     if (!close())
         return;
-    printError(message);
-    QCoreApplication::exit(status);
+    printError(message, wakeUpPipe[0]);
+    end(status);
 }
 
 // True once. The first end counts: the event loop may still deliver what was under way.
@@ -112,12 +113,19 @@ bool Session::close()
     return !std::exchange(m_over, true);
 }
 
+// A signal that came while the session printed is what ended it.
+void Session::end(int status)
+{
+    QCoreApplication::exit(caughtSignal != 0 ? 128 + caughtSignal : status);
+}
+
 bool Session::printReport(const Report &report)
 {
     if (!m_json)
-        return print(report.text);
+        return print(report.text, wakeUpPipe[0]);
     return print(QString::fromUtf8(QJsonDocument(report.json).toJson(QJsonDocument::Compact))
-                 + u'\n');
+                     + u'\n',
+                 wakeUpPipe[0]);
 }
 
 void Session::handleNetworkError(const QString &message)
@@ -136,9 +144,8 @@ void Session::handleTimeout()
 
 void Session::handleSignal()
 {
-    if (!close())
-        return;
-    QCoreApplication::exit(128 + caughtSignal);
+    if (close())
+        end(128 + caughtSignal);
 }
 
 void Session::watchSignals()

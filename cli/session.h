@@ -39,6 +39,7 @@ public:
 
 private:
     bool close();
+    static void end(int status);
     bool printReport(const Report &report);
     void handleNetworkError(const QString &message);
     void handleTimeout();

@@ -86,6 +86,8 @@ private Q_SLOTS:
     void signalEndsTheWaiting_data();
     void signalEndsTheWaiting();
     void signalWhileVerifyingChangesNothing();
+    void signalEndsThePrinting_data();
+    void signalEndsThePrinting();
     void ignoredSignalStaysIgnored();
     void showsWaitingOnATerminal();
     void showsNoWaitingWithJson();
@@ -212,6 +214,13 @@ QString temporaryIn(const QString &folder)
     const QStringList names =
         QDir(folder).entryList({u".corvane-cli-*"_s}, QDir::Dirs | QDir::Hidden);
     return names.size() == 1 ? folder + u'/' + names.first() : QString();
+}
+
+// How many bytes the pipe holds.
+int unreadIn(int pipe)
+{
+    int count = -1;
+    return ::ioctl(pipe, FIONREAD, &count) == 0 ? count : -1;
 }
 
 QString canonical(const LoopbackServer::Request &request)
@@ -1263,10 +1272,6 @@ void tst_Cli::signalWhileVerifyingChangesNothing()
     int pipe = ::open(path.constData(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
     const auto closePipe = qScopeGuard([&pipe] { ::close(pipe); });
     QVERIFY(pipe >= 0);
-    const auto unread = [pipe] {
-        int count = -1;
-        return ::ioctl(pipe, FIONREAD, &count) == 0 ? count : -1;
-    };
 
     // A page more than the pipe holds: the program is seen to write, is let go on, and is then seen
     // to read back what it wrote.
@@ -1275,14 +1280,61 @@ void tst_Cli::signalWhileVerifyingChangesNothing()
     char page[4096];
     downloads.server.reply(
         0, LoopbackServer::response(200, QByteArray(capacity + qsizetype(sizeof page), 'x')));
-    QVERIFY(QTest::qWaitFor([&] { return unread() == capacity; }));
+    QVERIFY(QTest::qWaitFor([&] { return unreadIn(pipe) == capacity; }));
     QCOMPARE(::read(pipe, page, sizeof page), ssize_t(sizeof page));
-    QVERIFY(QTest::qWaitFor([&] { return unread() == 0; }));
+    QVERIFY(QTest::qWaitFor([&] { return unreadIn(pipe) == 0; }));
 
     QCOMPARE(::kill(pid_t(program.processId()), SIGTERM), 0);
     ::close(std::exchange(pipe, -1));
     QCOMPARE(program.outcome(), outcome(128 + SIGTERM, {}, {}));
     QCOMPARE(contentsOf(downloads.folder.path()), downloads.before);
+}
+
+void tst_Cli::signalEndsThePrinting_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QByteArray>("response");
+    QTest::addColumn<bool>("toStandardError");
+
+    const QByteArray longText(2'000'000, 'x');
+    QTest::addRow("result") << QStringList{u"plans"_s}
+                            << LoopbackServer::response(200,
+                                                        R"({"plans": [")" + longText + R"("]})")
+                            << false;
+    QTest::addRow("error") << resume
+                           << LoopbackServer::response(
+                                  200, R"({"error": {"message": ")" + longText + R"("}})")
+                           << true;
+}
+
+// A reader that stalled used to make the program deaf to signals.
+void tst_Cli::signalEndsThePrinting()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QByteArray, response);
+    QFETCH(bool, toStandardError);
+
+    QTemporaryDir folder;
+    const QString path = folder.filePath(u"pipe"_s);
+    const QByteArray name = QFile::encodeName(path);
+    QCOMPARE(::mkfifo(name.constData(), 0600), 0);
+    const int pipe = ::open(name.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    QVERIFY(pipe >= 0);
+    const auto closePipe = qScopeGuard([pipe] { ::close(pipe); });
+
+    LoopbackServer server;
+    server.script(response);
+    Program program;
+    if (toStandardError)
+        program.setStandardErrorFile(path);
+    else
+        program.setStandardOutputFile(path);
+    program.run(server, arguments);
+    const int capacity = ::fcntl(pipe, F_GETPIPE_SZ);
+    QVERIFY(capacity > 0);
+    QTRY_COMPARE_WITH_TIMEOUT(unreadIn(pipe), capacity, 20000);
+    QCOMPARE(::kill(pid_t(program.processId()), SIGTERM), 0);
+    QCOMPARE(program.outcome(), outcome(128 + SIGTERM, {}, {}));
 }
 
 void tst_Cli::ignoredSignalStaysIgnored()
