@@ -50,7 +50,7 @@ QString valueText(const QJsonValue &value)
 QString planText(const QJsonValue &plan)
 {
     if (!plan.isObject())
-        return valueText(plan) + u'\n';
+        return printable(valueText(plan), 2) + u'\n';
 
     const QJsonObject object = plan.toObject();
     QList<std::pair<QString, QString>> rows;

@@ -12,6 +12,19 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
+bool isUnprintable(QChar c)
+{
+    if (c == u'\n' || c == u'\t')
+        return false;
+    return c.category() == QChar::Other_Control || c == QChar::LineSeparator
+        || c == QChar::ParagraphSeparator;
+}
+
+QString printableLabel(const QString &label)
+{
+    return printable(label, 0).replace(u'\n', u' ');
+}
+
 // 0, or the errno that says why not all was written; EINTR for an interruption.
 int writeAll(int output, const QByteArray &bytes, int interruption)
 {
@@ -38,6 +51,13 @@ int writeAll(int output, const QByteArray &bytes, int interruption)
 
 } // namespace
 
+QString printable(QString text, qsizetype indentation)
+{
+    text.replace("\r\n"_L1, "\n"_L1);
+    std::replace_if(text.begin(), text.end(), isUnprintable, QChar(QChar::ReplacementCharacter));
+    return text.replace(u'\n', u'\n' + QString(indentation, u' '));
+}
+
 bool print(const QString &text, int interruption)
 {
     const int error = writeAll(STDOUT_FILENO, text.toUtf8(), interruption);
@@ -48,7 +68,9 @@ bool print(const QString &text, int interruption)
 
 void printError(const QString &message, int interruption)
 {
-    writeAll(STDERR_FILENO, "corvane-cli: " + message.toUtf8() + '\n', interruption);
+    const QString prefix = u"corvane-cli: "_s;
+    const QString text = prefix + printable(message, prefix.size()) + u'\n';
+    writeAll(STDERR_FILENO, text.toUtf8(), interruption);
 }
 
 QString labelled(const QList<std::pair<QString, QString>> &rows)
@@ -56,17 +78,15 @@ QString labelled(const QList<std::pair<QString, QString>> &rows)
     qsizetype width = 0;
     for (const auto &[label, value] : rows) {
         if (!value.isEmpty())
-            width = std::max(width, label.size() + 2);
+            width = std::max(width, printableLabel(label).size() + 2);
     }
 
     QString text;
     for (const auto &[label, value] : rows) {
         if (value.isEmpty())
             continue;
-        QString indented = value;
-        // No line of a value can pass for a row of its own.
-        indented.replace(u'\n', u'\n' + QString(width, u' '));
-        text += (label + u':').leftJustified(width) + indented + u'\n';
+        text +=
+            (printableLabel(label) + u':').leftJustified(width) + printable(value, width) + u'\n';
     }
     return text;
 }

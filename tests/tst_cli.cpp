@@ -48,6 +48,8 @@ private Q_SLOTS:
     void readsPayloadFromStandardInput();
     void printsResult_data();
     void printsResult();
+    void printsNoControlCharacters_data();
+    void printsNoControlCharacters();
     void printsJson_data();
     void printsJson();
     void readsTheEnvironment();
@@ -646,6 +648,72 @@ void tst_Cli::printsResult()
     server.script(response);
     QCOMPARE(outcomeOf(server, arguments), result);
     QCOMPARE(server.requests().size(), 1);
+}
+
+void tst_Cli::printsNoControlCharacters_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QByteArray>("reply");
+    QTest::addColumn<QString>("result");
+
+    struct Text
+    {
+        const char *tag;
+        QByteArray sent;
+        QString inLabel;
+        // The lines after the first are to be indented.
+        QStringList inValue;
+    };
+    const Text texts[] = {
+        {"carriage-return", "a\\rb", u"a\uFFFDb"_s, {u"a\uFFFDb"_s}},
+        {"carriage-return-line-feed", "a\\r\\nb", u"a b"_s, {u"a"_s, u"b"_s}},
+        {"line-feed", "a\\nb: c", u"a b: c"_s, {u"a"_s, u"b: c"_s}},
+        {"tabulator", "a\\tb", u"a\tb"_s, {u"a\tb"_s}},
+        {"escape", "a\\u001b[2Jb", u"a\uFFFD[2Jb"_s, {u"a\uFFFD[2Jb"_s}},
+        {"null", "a\\u0000b", u"a\uFFFDb"_s, {u"a\uFFFDb"_s}},
+        {"delete", "a\\u007fb", u"a\uFFFDb"_s, {u"a\uFFFDb"_s}},
+        {"control-sequence-introducer", "a\\u009b2Jb", u"a\uFFFD2Jb"_s, {u"a\uFFFD2Jb"_s}},
+        {"line-separator", "a\\u2028b", u"a\uFFFDb"_s, {u"a\uFFFDb"_s}},
+        {"paragraph-separator", "a\\u2029b", u"a\uFFFDb"_s, {u"a\uFFFDb"_s}},
+        {"emoji", "a\\ud83d\\ude00b", u"a\U0001F600b"_s, {u"a\U0001F600b"_s}},
+    };
+    const QStringList plansCommand{u"plans"_s};
+    const auto indented = [](const QStringList &lines, int width) {
+        return lines.join(u'\n' + QString(width, u' '));
+    };
+    for (const auto &[tag, sent, inLabel, inValue] : texts) {
+        QTest::addRow("%s-in-notes", tag)
+            << check << R"({"success": true, "release": {"notes": ")" + sent + R"("}})"
+            << outcome(0,
+                       u"Update available: no\nCurrent version:  1.4.0\nNotes:            "_s
+                           + indented(inValue, 18) + u'\n',
+                       {});
+        QTest::addRow("%s-in-plan-value", tag)
+            << plansCommand << R"({"plans": [{"name": ")" + sent + R"("}]})"
+            << outcome(0, u"name: "_s + indented(inValue, 6) + u'\n', {});
+        QTest::addRow("%s-in-plan-member-name", tag)
+            << plansCommand << R"({"plans": [{")" + sent + R"(": 1}]})"
+            << outcome(0, inLabel + u": 1\n"_s, {});
+        QTest::addRow("%s-in-plain-plan", tag)
+            << plansCommand << R"({"plans": [")" + sent + R"("]})"
+            << outcome(0, indented(inValue, 2) + u'\n', {});
+        QTest::addRow("%s-in-error", tag)
+            << resume << R"({"error": {"message": ")" + sent + R"("}})"
+            << failure(1, indented(inValue, 13));
+    }
+}
+
+// The service's texts used to reach the terminal as they came, able to clear it or to pass for rows
+// of the program's own.
+void tst_Cli::printsNoControlCharacters()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QByteArray, reply);
+    QFETCH(QString, result);
+
+    LoopbackServer server;
+    server.script(LoopbackServer::response(200, reply));
+    QCOMPARE(outcomeOf(server, arguments), result);
 }
 
 void tst_Cli::printsJson_data()
