@@ -41,6 +41,7 @@ private Q_SLOTS:
     void versionIsTheProjects();
     void refusesBadArguments_data();
     void refusesBadArguments();
+    void refusesAnArgumentThatIsNotUtf8();
     void refusesBadPayload_data();
     void refusesBadPayload();
     void sendsRequest_data();
@@ -443,6 +444,21 @@ void tst_Cli::refusesBadArguments()
     program.run(arguments);
     QCOMPARE(program.outcome(), failure(2, error));
     QCOMPARE(contentsOf(folder.path()), QStringList());
+}
+
+// The file used to be saved under another name. Only a shell can give such an argument here.
+void tst_Cli::refusesAnArgumentThatIsNotUtf8()
+{
+    Downloads downloads;
+    downloads.server.script(LoopbackServer::response(200, newBytes));
+    Program program;
+    program.setWorkingDirectory(downloads.folder.path());
+    program.setProgram(u"/bin/sh"_s);
+    program.run({u"-c"_s, uR"sh("$0" download "$1" "$(printf 'x\377')")sh"_s,
+                 QStringLiteral(CORVANE_CLI_PATH), downloads.url});
+    QCOMPARE(program.outcome(), failure(2, u"argument 3, 'x\uFFFD', is not UTF-8"_s));
+    QCOMPARE(downloads.server.connectionCount(), 0);
+    QCOMPARE(contentsOf(downloads.folder.path()), downloads.before);
 }
 
 void tst_Cli::refusesBadPayload_data()
