@@ -59,6 +59,7 @@ public:
 private:
     void keep();
     bool readBack();
+    QString defect() const;
     bool hasRoom() const;
     bool moveIntoPlace();
 
@@ -105,20 +106,9 @@ void Download::keep()
     // Reading takes its time: the user may have interrupted it.
     if (m_session.isOver())
         return;
-    if (!readable) {
-        m_session.fail(Unusable, u"cannot read the downloaded file back"_s);
-        return;
-    }
-    if (!m_sha256.isEmpty() && m_sha256 != m_actualSha256) {
-        m_session.fail(
-            Unusable,
-            u"the SHA-256 differs, nothing was saved: %1 was downloaded"_s.arg(m_actualSha256));
-        return;
-    }
-    if (m_sha256.isEmpty() && !hasRoom()) {
-        m_session.fail(Unusable,
-                       u"no room is left on the disk or below the file size limit, the file may be "
-                       "cut short, nothing was saved; make room, or give --sha256"_s);
+    const QString error = readable ? defect() : u"cannot read the downloaded file back"_s;
+    if (!error.isEmpty()) {
+        m_session.fail(Unusable, error);
         return;
     }
     if (!moveIntoPlace())
@@ -144,6 +134,23 @@ bool Download::readBack()
     m_size = file.size();
     m_actualSha256 = QString::fromLatin1(hash.result().toHex());
     return true;
+}
+
+// Why what was read back is of no use; empty when it is of use.
+QString Download::defect() const
+{
+    if (m_sha256 == m_actualSha256)
+        return {};
+    if (!m_sha256.isEmpty())
+        return u"the SHA-256 differs, nothing was saved: %1 was downloaded"_s.arg(m_actualSha256);
+    if (!hasRoom()) {
+        return u"no room is left on the disk or below the file size limit, the file may be cut "
+               "short, nothing was saved; make room, or give --sha256"_s;
+    }
+    // A service that has no file may answer with success all the same.
+    if (m_size == 0)
+        return u"the download is empty, nothing was saved; give --sha256 if it should be"_s;
+    return {};
 }
 
 // The library reports no failing write. A file that takes not one block more, be it for the disk or

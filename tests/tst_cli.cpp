@@ -965,7 +965,6 @@ void tst_Cli::downloads_data()
 
     QTest::addRow("new-file") << u"new"_s << newBytes;
     QTest::addRow("existing-file") << u"file"_s << newBytes;
-    QTest::addRow("empty") << u"file"_s << QByteArray("");
     QTest::addRow("large") << u"file"_s << QByteArray(3'000'000, 'x');
     QTest::addRow("dot") << u"./file"_s << newBytes;
     QTest::addRow("missing-folders") << u"a/b/c/file"_s << newBytes;
@@ -1009,22 +1008,25 @@ void tst_Cli::downloadNeedsNeitherServerNorProduct()
 
 void tst_Cli::downloadVerifiesTheSha256_data()
 {
+    QTest::addColumn<QByteArray>("bytes");
     QTest::addColumn<QString>("sha256");
 
-    QTest::addRow("lower-case") << sha256Of(newBytes);
-    QTest::addRow("upper-case") << sha256Of(newBytes).toUpper();
+    QTest::addRow("lower-case") << newBytes << sha256Of(newBytes);
+    QTest::addRow("upper-case") << newBytes << sha256Of(newBytes).toUpper();
+    QTest::addRow("empty") << QByteArray("") << sha256Of({});
 }
 
 void tst_Cli::downloadVerifiesTheSha256()
 {
+    QFETCH(QByteArray, bytes);
     QFETCH(QString, sha256);
 
     Downloads downloads;
-    downloads.server.script(LoopbackServer::response(200, newBytes));
+    downloads.server.script(LoopbackServer::response(200, bytes));
     QCOMPARE(outcomeOf({u"download"_s, downloads.url, downloads.file, u"--sha256"_s, sha256}),
-             saved(downloads.file, newBytes));
+             saved(downloads.file, bytes));
     QCOMPARE(contentsOf(downloads.folder.path()),
-             QStringList{u"file: "_s + QString::fromLatin1(newBytes)});
+             QStringList{u"file: "_s + QString::fromLatin1(bytes)});
 }
 
 void tst_Cli::downloadFollowsTheUmask()
@@ -1106,6 +1108,11 @@ void tst_Cli::failedDownloadChangesNothing_data()
         QTest::addRow("status-404-%s", tag)
             << destination << LoopbackServer::response(404, newBytes) << QStringList() << 3
             << QString();
+        for (const int status : {200, 204, 304}) {
+            QTest::addRow("empty-with-status-%d-%s", status, tag)
+                << destination << LoopbackServer::response(status, "") << QStringList() << 5
+                << u"the download is empty, nothing was saved; give --sha256 if it should be"_s;
+        }
         QTest::addRow("cut-short-%s", tag)
             << destination << whole.chopped(1) << QStringList() << 3 << QString();
         QTest::addRow("held-%s", tag)
