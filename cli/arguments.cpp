@@ -220,6 +220,9 @@ bool Reader::readPayload()
         return true;
 
     const QString name = m_arguments.operands.last();
+    if (name.isEmpty())
+        return refuse(u"the payload's file name is empty; leave it out for no payload"_s);
+
     QFile file(name);
     const bool opened =
         name == "-"_L1 ? file.open(stdin, QIODevice::ReadOnly) : file.open(QIODevice::ReadOnly);

@@ -414,6 +414,10 @@ void tst_Cli::refusesBadArguments_data()
             << badTimeout(text);
     }
 
+    QTest::addRow("payload-file-name-empty")
+        << configured + usage + QStringList{QString()}
+        << u"the payload's file name is empty; leave it out for no payload"_s;
+
     QTest::addRow("sha256-empty") << download + QStringList{u"--sha256="_s} << badSha256({});
     QTest::addRow("sha256-short") << download + QStringList{u"--sha256"_s, QString(63, u'a')}
                                   << badSha256(QString(63, u'a'));
