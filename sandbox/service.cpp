@@ -4,7 +4,6 @@
 #include "releases.h"
 #include "store.h"
 
-#include <QtCore/qfile.h>
 #include <QtCore/qfileinfo.h>
 #include <QtCore/qjsonarray.h>
 #include <QtCore/qjsondocument.h>
@@ -114,8 +113,8 @@ void Service::answer(const QHttpServerRequest &request, QHttpServerResponder &re
     // An answer to HEAD has no body: one that came anyway would be read as the next answer.
     if (request.method() == Method::Head)
         responder.write(reply.status);
-    else if (reply.file)
-        responder.write(reply.file.release(), reply.mimeType, reply.status);
+    else if (!reply.file.isEmpty())
+        writeFile(responder, reply.file, reply.mimeType);
     else if (!reply.allowed.isEmpty())
         writeNotAllowed(responder, reply.body, reply.mimeType, reply.allowed);
     else
@@ -361,10 +360,7 @@ Service::Reply Service::pageReply(const QByteArray &page, StatusCode status)
 Service::Reply Service::fileReply(const QString &path)
 {
     Reply reply{{}, "application/octet-stream"};
-    auto file = std::make_unique<QFile>(path);
-    if (!file->open(QIODevice::ReadOnly))
-        throw Refusal{StatusCode::NotFound, u"File sconosciuto."_s};
-    reply.file = std::move(file);
+    reply.file = path;
     return reply;
 }
 

@@ -7,10 +7,7 @@
 #include <QtCore/qstring.h>
 #include <QtCore/qstringlist.h>
 
-#include <memory>
-
 QT_BEGIN_NAMESPACE
-class QFile;
 class QTcpServer;
 QT_END_NAMESPACE
 
@@ -41,8 +38,8 @@ private:
         QByteArray body;
         QByteArray mimeType = "application/json";
         StatusCode status = StatusCode::Ok;
-        // Sent instead of the body, piece by piece.
-        std::unique_ptr<QFile> file = {};
+        // The path of what is sent instead of the body.
+        QString file = {};
         // The methods that a 405 names.
         QByteArray allowed = {};
     };

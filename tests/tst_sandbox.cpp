@@ -34,6 +34,29 @@ namespace {
 
 constexpr int timeout = 20000;
 
+// The number under which the process holds the file open; empty if it does not.
+QString descriptor(qint64 process, const QString &file)
+{
+    const QDir descriptors(u"/proc/%1/fd"_s.arg(process));
+    const QFileInfoList links = descriptors.entryInfoList(QDir::Files);
+    const auto link = std::find_if(links.begin(), links.end(), [&](const QFileInfo &candidate) {
+        return candidate.symLinkTarget() == file;
+    });
+    return link == links.end() ? QString() : link->fileName();
+}
+
+// The number after the name in a file of /proc; -1 if there is none.
+qint64 procNumber(const QString &name, const QString &key)
+{
+    QFile file("/proc/"_L1 + name);
+    if (!file.open(QIODevice::ReadOnly))
+        return -1;
+    const QRegularExpression line(u"^%1:\\s+(\\d+)"_s.arg(key),
+                                  QRegularExpression::MultilineOption);
+    const QRegularExpressionMatch match = line.match(QString::fromLatin1(file.readAll()));
+    return match.hasMatch() ? match.captured(1).toLongLong() : -1;
+}
+
 // One running corvane-sandbox, killed with the object if the test has not ended it.
 class Sandbox
 {
@@ -74,12 +97,12 @@ public:
             return u"crashed"_s;
         return QString::number(m_process.exitCode());
     }
-    bool holdsOpen(const QString &file) const
+    bool holdsOpen(const QString &file) const { return !descriptor(processId(), file).isEmpty(); }
+    // How far it has read the file that it holds open.
+    qint64 positionIn(const QString &file) const
     {
-        const QDir descriptors(u"/proc/%1/fd"_s.arg(processId()));
-        const QFileInfoList links = descriptors.entryInfoList(QDir::Files);
-        return std::any_of(links.begin(), links.end(),
-                           [&](const QFileInfo &link) { return link.symLinkTarget() == file; });
+        const QString number = descriptor(processId(), file);
+        return procNumber(u"%1/fdinfo/%2"_s.arg(QString::number(processId()), number), u"pos"_s);
     }
     // What came since the last call.
     QByteArray standardOutput() { return m_process.readAllStandardOutput(); }
@@ -207,6 +230,7 @@ private Q_SLOTS:
     void linksInsideTheFolderAreFollowed();
     void releasesFolderMayItselfBeALink();
     void largeFileIsStreamed();
+    void fileIsReadAtTheReceiversPace();
     void abandonedDownloadIsLetGo();
 
     void startAnswersTheNewPurchase();
@@ -842,12 +866,41 @@ void tst_Sandbox::largeFileIsStreamed()
     QCOMPARE(reply->error(), QNetworkReply::NoError);
     QCOMPARE(received, size);
 
-    QFile status(u"/proc/%1/status"_s.arg(m_sandbox->processId()));
-    QVERIFY(status.open(QIODevice::ReadOnly));
-    const QRegularExpressionMatch peak =
-        QRegularExpression(u"VmHWM:\\s+(\\d+) kB"_s).match(QString::fromLatin1(status.readAll()));
-    QVERIFY(peak.hasMatch());
-    QVERIFY2(peak.captured(1).toLongLong() * 1024 < size, qPrintable(peak.captured(0)));
+    const qint64 peak = procNumber(u"%1/status"_s.arg(m_sandbox->processId()), u"VmHWM"_s);
+    QVERIFY(peak > 0);
+    QVERIFY2(peak * 1024 < size, qPrintable(QString::number(peak)));
+}
+
+// A file used to be read to its end whether or not anybody took it, into memory.
+void tst_Sandbox::fileIsReadAtTheReceiversPace()
+{
+    constexpr qint64 size = 256 * 1024 * 1024;
+    constexpr qint64 whatSocketsHold = 32 * 1024 * 1024;
+    const QString stalled = path(u"releases/DEMO/stalled/1.0/demo.zip"_s);
+    for (const QString &name :
+         {u"releases/DEMO/stalled/1.0/demo.zip"_s, u"releases/DEMO/stable/1.0/demo.zip"_s})
+    {
+        write(name, "");
+        QVERIFY(QFile::resize(path(name), size));
+    }
+
+    QTcpSocket socket;
+    socket.setReadBufferSize(1000);
+    socket.connectToHost(QHostAddress::LocalHost, m_sandbox->port());
+    socket.write("GET /releases/DEMO/stalled/latest HTTP/1.1\r\nHost: a\r\n\r\n");
+    QVERIFY(socket.waitForReadyRead(timeout));
+
+    // While this one is served to its end, the other could be too.
+    QCOMPARE(get(u"/releases/DEMO/stable/latest"_s).body.size(), size);
+    const qint64 position = m_sandbox->positionIn(stalled);
+    QVERIFY2(position > 0 && position < whatSocketsHold, qPrintable(QString::number(position)));
+
+    // What was held back comes when it is wanted.
+    qint64 received = 0;
+    socket.setReadBufferSize(0);
+    connect(&socket, &QTcpSocket::readyRead, this, [&] { received += socket.readAll().size(); });
+    received += socket.readAll().size();
+    QVERIFY(QTest::qWaitFor([&] { return received > size; }, timeout));
 }
 
 void tst_Sandbox::abandonedDownloadIsLetGo()
