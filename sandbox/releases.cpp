@@ -13,6 +13,7 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr auto notesName = "notes.txt"_L1;
+constexpr qint64 longestNotes = 1 << 20;
 
 bool isName(const QString &text)
 {
@@ -73,7 +74,7 @@ std::optional<Release> Releases::find(const QString &product, const QString &cha
         qWarning("%s is no release: it must hold one file, and notes.txt if you like",
                  qUtf8Printable(folder.path()));
     }
-    if (files.size() != 1 || !contains(folder.filePath(files.constFirst())))
+    if (files.size() != 1 || !containsFile(folder.filePath(files.constFirst())))
         return std::nullopt;
     return Release{version, folder.filePath(files.constFirst())};
 }
@@ -81,9 +82,9 @@ std::optional<Release> Releases::find(const QString &product, const QString &cha
 QString Releases::notes(const Release &release) const
 {
     QFile file(QFileInfo(release.path).dir().filePath(notesName));
-    if (!contains(file.fileName()) || !file.open(QIODevice::ReadOnly))
+    if (!containsFile(file.fileName()) || !file.open(QIODevice::ReadOnly))
         return {};
-    return QString::fromUtf8(file.readAll());
+    return QString::fromUtf8(file.read(longestNotes));
 }
 
 QByteArray Releases::sha256(const Release &release)
@@ -102,7 +103,9 @@ QByteArray Releases::sha256(const Release &release)
     return digest.sha256;
 }
 
-bool Releases::contains(const QString &path) const
+bool Releases::containsFile(const QString &path) const
 {
-    return !m_root.isEmpty() && QFileInfo(path).canonicalFilePath().startsWith(m_root + u'/');
+    // Opening a pipe would wait for its writer.
+    const QFileInfo info(path);
+    return !m_root.isEmpty() && info.isFile() && info.canonicalFilePath().startsWith(m_root + u'/');
 }

@@ -28,6 +28,7 @@ public:
     std::optional<Release> find(const QString &product, const QString &channel,
                                 const QString &version) const;
 
+    // At most the first MiB.
     QString notes(const Release &release) const;
     // In hexadecimal. Computed again only when the file's size or time has changed.
     QByteArray sha256(const Release &release);
@@ -40,7 +41,7 @@ private:
         QByteArray sha256;
     };
 
-    bool contains(const QString &path) const;
+    bool containsFile(const QString &path) const;
 
     // Canonical; empty when there is no folder.
     QString m_root;

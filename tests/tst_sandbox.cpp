@@ -27,6 +27,7 @@
 
 #include <memory>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 
 using namespace Qt::StringLiterals;
 
@@ -208,6 +209,8 @@ private Q_SLOTS:
     void latestReleaseIsTheHighestVersion_data();
     void latestReleaseIsTheHighestVersion();
     void releaseWithoutNotesHasEmptyNotes();
+    void notesAreCutAtOneMebibyte();
+    void pipesAreNoFiles();
     void releaseUrlsArePercentEncoded();
     void channelWithoutReleaseIsNoError_data();
     void channelWithoutReleaseIsNoError();
@@ -585,6 +588,29 @@ void tst_Sandbox::releaseWithoutNotesHasEmptyNotes()
 {
     write(u"releases/DEMO/stable/1.0/demo.zip"_s, "1");
     QCOMPARE(latest(u"stable"_s).value("notes"_L1), QJsonValue(u""_s));
+}
+
+void tst_Sandbox::notesAreCutAtOneMebibyte()
+{
+    constexpr qsizetype longest = 1024 * 1024;
+    write(u"releases/DEMO/stable/1.0/demo.zip"_s, "1");
+    write(u"releases/DEMO/stable/1.0/notes.txt"_s, QByteArray(longest, 'n') + "cut off");
+    QVERIFY(latest(u"stable"_s).value("notes"_L1).toString() == QString(longest, u'n'));
+}
+
+// The service used to wait for ever for somebody to write into the pipe.
+void tst_Sandbox::pipesAreNoFiles()
+{
+    write(u"releases/DEMO/stable/1.0/demo.zip"_s, "1");
+    const QString notes = path(u"releases/DEMO/stable/1.0/notes.txt"_s);
+    QCOMPARE(::mkfifo(QFile::encodeName(notes).constData(), 0600), 0);
+    QVERIFY(QDir().mkpath(path(u"releases/DEMO/stable/2.0"_s)));
+    QVERIFY(QFile::link(notes, path(u"releases/DEMO/stable/2.0/demo.zip"_s)));
+
+    const QJsonObject release = latest(u"stable"_s);
+    QCOMPARE(release.value("version"_L1).toString(), u"1.0"_s);
+    QCOMPARE(release.value("notes"_L1), QJsonValue(u""_s));
+    QCOMPARE(get(u"/releases/DEMO/stable/latest"_s).body, QByteArray("1"));
 }
 
 void tst_Sandbox::releaseUrlsArePercentEncoded()
