@@ -106,15 +106,15 @@ int number(const QSqlDatabase &database, const QString &sql)
     return query.next() ? query.value(0).toInt() : 0;
 }
 
-// Rolls back unless committed.
+// Rolls back unless committed. What it reads nobody else changes before it ends: other processes
+// wait from its beginning on.
 class Transaction
 {
 public:
     explicit Transaction(const QSqlDatabase &database)
         : m_database(database)
     {
-        if (!m_database.transaction())
-            fail(m_database.lastError());
+        run(m_database, u"BEGIN IMMEDIATE"_s);
     }
     ~Transaction()
     {
@@ -135,9 +135,13 @@ private:
     bool m_committed = false;
 };
 
-void create(const QSqlDatabase &database)
+// Another process may open the same new file at the same time: one fills it.
+void createIfNew(const QSqlDatabase &database)
 {
     Transaction transaction(database);
+    if (number(database, u"SELECT count(*) FROM sqlite_master"_s) > 0)
+        return;
+
     for (const QString &statement : schema + demonstration)
         run(database, statement);
     run(database, "PRAGMA application_id = "_L1 + QString::number(applicationId));
@@ -211,8 +215,7 @@ Store::Store(const QString &path)
     if (!m_database.open())
         fail(m_database.lastError());
 
-    if (number(m_database, u"SELECT count(*) FROM sqlite_master"_s) == 0)
-        create(m_database);
+    createIfNew(m_database);
     checkOrigin(m_database);
 }
 
@@ -287,7 +290,10 @@ void Store::pay(const Purchase &purchase)
 
     Transaction transaction(m_database);
     run(m_database, u"UPDATE licenses SET status = 'active' WHERE id = ?"_s, {purchase.licenseId});
-    run(m_database, u"INSERT INTO payments (id, amount, currency) VALUES (?, ?, ?)"_s,
+    // Another process may have taken the payment since the purchase was read.
+    run(m_database,
+        u"INSERT INTO payments (id, amount, currency) VALUES (?, ?, ?)"
+        " ON CONFLICT (id) DO NOTHING"_s,
         {purchase.paymentId, purchase.price, purchase.currency});
     transaction.commit();
 }

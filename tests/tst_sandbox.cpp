@@ -58,6 +58,47 @@ qint64 procNumber(const QString &name, const QString &key)
     return match.hasMatch() ? match.captured(1).toLongLong() : -1;
 }
 
+// The process has the database open and waits for somebody else's transaction, over and over.
+bool waitUntilHeldUp(qint64 process, const QString &database)
+{
+    qint64 first = -1;
+    return QTest::qWaitFor(
+        [&] {
+            if (descriptor(process, database).isEmpty())
+                return false;
+            const qint64 waits =
+                procNumber(u"%1/status"_s.arg(process), u"voluntary_ctxt_switches"_s);
+            if (first < 0)
+                first = waits;
+            return waits >= first + 5;
+        },
+        timeout);
+}
+
+// What another process that writes to the database has begun.
+class Transaction
+{
+public:
+    explicit Transaction(const QString &file)
+        : m_database(QSqlDatabase::addDatabase(u"QSQLITE"_s, u"transaction"_s))
+    {
+        m_database.setDatabaseName(file);
+        m_database.open();
+        run(u"BEGIN IMMEDIATE"_s);
+    }
+    ~Transaction()
+    {
+        m_database = {};
+        QSqlDatabase::removeDatabase(u"transaction"_s);
+    }
+    Q_DISABLE_COPY_MOVE(Transaction)
+
+    bool run(const QString &sql) { return QSqlQuery(m_database).exec(sql); }
+
+private:
+    QSqlDatabase m_database;
+};
+
 // One running corvane-sandbox, killed with the object if the test has not ended it.
 class Sandbox
 {
@@ -203,6 +244,7 @@ private Q_SLOTS:
     void stateIsGoneWithoutADatabase();
     void acknowledgedStateSurvivesAKill();
     void existingDatabaseIsNotSeededAgain();
+    void twoMayStartOnOneNewDatabase();
     void newDatabaseOffersThreePlans();
 
     void latestReleaseIsDescribed();
@@ -252,6 +294,7 @@ private Q_SLOTS:
     void captureRefusesAnUnapprovedOrder();
     void captureTakesThePayment();
     void capturingTwicePaysOnce();
+    void captureOfWhatAnotherProcessHasJustPaidSucceeds();
     void failedCaptureChangesNothing();
 
     void usageEventIsStored();
@@ -404,7 +447,7 @@ void tst_Sandbox::refusesToStart_data()
                            u"unable to open database file Error opening database"_s);
     QTest::newRow("database-is-text")
         << QStringList{u"--database"_s, u"text.txt"_s} << 1
-        << useDatabase.arg(u"text.txt"_s, u"file is not a database Unable to execute statement"_s);
+        << useDatabase.arg(u"text.txt"_s, u"file is not a database Unable to fetch row"_s);
 }
 
 void tst_Sandbox::refusesToStart()
@@ -509,6 +552,27 @@ void tst_Sandbox::existingDatabaseIsNotSeededAgain()
         get(u"/api/v1/purchase/plans?product_code=DEMO"_s).json().value("plans"_L1).toArray();
     QCOMPARE(plans.size(), 1);
     QCOMPARE(plans.at(0).toObject().value("plan_code"_L1).toString(), u"PERPETUA"_s);
+}
+
+// The second used to fail: it found the file still empty and began to fill it, too.
+void tst_Sandbox::twoMayStartOnOneNewDatabase()
+{
+    const QString file = path(u"new.sqlite"_s);
+    Transaction other(file);
+    QVERIFY(other.run(u"CREATE TABLE products (product_code TEXT)"_s));
+    for (const QString &mark : {u"PRAGMA application_id"_s, u"PRAGMA user_version"_s})
+        QVERIFY(other.run(mark + " = "_L1 + query(mark).constFirst()));
+
+    QProcess process;
+    process.start(QStringLiteral(CORVANE_SANDBOX_PATH), {u"--database"_s, file});
+    QVERIFY(process.waitForStarted(timeout));
+    QVERIFY(waitUntilHeldUp(process.processId(), file));
+    QVERIFY(other.run(u"COMMIT"_s));
+    QVERIFY(process.waitForReadyRead(timeout));
+    process.terminate();
+    QVERIFY(process.waitForFinished(timeout));
+    QCOMPARE(process.exitCode(), 0);
+    QCOMPARE(process.readAllStandardError(), QByteArray());
 }
 
 void tst_Sandbox::newDatabaseOffersThreePlans()
@@ -1153,6 +1217,20 @@ void tst_Sandbox::capturingTwicePaysOnce()
     QCOMPARE(second.status, 200);
     QCOMPARE(second.body, first.body);
     QCOMPARE(query(u"SELECT count(*) FROM payments"_s), QStringList{u"1"_s});
+}
+
+// Used to be answered as an error of the service. The trigger pays where another process can:
+// after the purchase was read.
+void tst_Sandbox::captureOfWhatAnotherProcessHasJustPaidSucceeds()
+{
+    const QJsonObject started = start();
+    QCOMPARE(approve(started).status, 200);
+    query(u"CREATE TRIGGER pay BEFORE UPDATE ON licenses"
+          " BEGIN INSERT INTO payments (id, amount, currency) VALUES (1, '99.00', 'other'); END"_s);
+    const Answer answer = capture(started);
+    QCOMPARE(answer.status, 200);
+    QCOMPARE(answer.json().value("license_key"_L1), started.value("license_key"_L1));
+    QCOMPARE(query(u"SELECT id, currency FROM payments"_s), QStringList{u"1|other"_s});
 }
 
 void tst_Sandbox::failedCaptureChangesNothing()
