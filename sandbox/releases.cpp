@@ -89,17 +89,20 @@ QString Releases::notes(const Release &release) const
 
 QByteArray Releases::sha256(const Release &release)
 {
-    const QFileInfo info(release.path);
+    QFileInfo info(release.path);
+    info.stat(); // before the file is read: what changes meanwhile must show the next time
     Digest &digest = m_digests[release.path];
     if (!digest.sha256.isEmpty() && digest.size == info.size()
-        && digest.modified == info.lastModified())
+        && digest.modified == info.lastModified() && digest.changed == info.metadataChangeTime())
         return digest.sha256;
 
     QFile file(release.path);
     QCryptographicHash hash(QCryptographicHash::Sha256);
-    if (!file.open(QIODevice::ReadOnly) || !hash.addData(&file))
+    if (!file.open(QIODevice::ReadOnly) || !hash.addData(&file)) {
+        qWarning("%s: %s", qUtf8Printable(release.path), qUtf8Printable(file.errorString()));
         return {};
-    digest = {info.size(), info.lastModified(), hash.result().toHex()};
+    }
+    digest = {info.size(), info.lastModified(), info.metadataChangeTime(), hash.result().toHex()};
     return digest.sha256;
 }
 

@@ -30,7 +30,8 @@ public:
 
     // At most the first MiB.
     QString notes(const Release &release) const;
-    // In hexadecimal. Computed again only when the file's size or time has changed.
+    // In hexadecimal; empty when the file cannot be read. Computed again only when the file's size
+    // or times have changed.
     QByteArray sha256(const Release &release);
 
 private:
@@ -38,6 +39,8 @@ private:
     {
         qint64 size;
         QDateTime modified;
+        // Nobody can set this one back.
+        QDateTime changed;
         QByteArray sha256;
     };
 

@@ -17,6 +17,8 @@ using Method = QHttpServerRequest::Method;
 
 namespace {
 
+const QString internalError = u"Errore interno del servizio."_s;
+
 QStringList pathParts(const QUrl &url)
 {
     // Split first, decode then: an encoded slash separates nothing.
@@ -129,7 +131,7 @@ Service::Reply Service::replyTo(const QHttpServerRequest &request)
         return refusalReply(refusal);
     } catch (const StoreError &error) {
         qWarning("%s: %s", qUtf8Printable(request.url().path()), error.what());
-        return refusalReply({StatusCode::InternalServerError, u"Errore interno del servizio."_s});
+        return refusalReply({StatusCode::InternalServerError, internalError});
     }
 }
 
@@ -173,6 +175,10 @@ Service::Reply Service::latestRelease(const QHttpServerRequest &request, const Q
     if (!release)
         return jsonReply(refusalObject(u"Nessuna versione pubblicata su questo canale."_s));
 
+    const QByteArray sha256 = m_releases.sha256(*release);
+    if (sha256.isEmpty())
+        throw Refusal{StatusCode::InternalServerError, internalError};
+
     const QString folder = address() + joinedPath({u"releases"_s, product, channel});
     const QString file = joinedPath({release->version, QFileInfo(release->path).fileName()});
     return jsonReply({{u"success"_s, true},
@@ -181,7 +187,7 @@ Service::Reply Service::latestRelease(const QHttpServerRequest &request, const Q
                                    {u"version"_s, release->version},
                                    {u"download_url"_s, folder + file},
                                    {u"stable_download_url"_s, folder + "/latest"_L1},
-                                   {u"sha256"_s, QString::fromLatin1(m_releases.sha256(*release))},
+                                   {u"sha256"_s, QString::fromLatin1(sha256)},
                                    {u"notes"_s, m_releases.notes(*release)},
                                    {u"channel"_s, channel}}}});
 }
