@@ -19,6 +19,7 @@
 #include <memory>
 #include <optional>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -52,16 +53,29 @@ void passSignalOn(int)
     errno = savedError;
 }
 
-bool quitOnSignals(QCoreApplication *application)
+// From here on a signal waits in the pipe for quitOnSignals(). A reader of the output that goes
+// away is an error of writing, not a signal.
+bool catchSignals()
 {
-    if (::pipe(signalPipe) != 0)
-        return false;
+    return ::pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) == 0
+        && std::signal(SIGINT, passSignalOn) != SIG_ERR
+        && std::signal(SIGTERM, passSignalOn) != SIG_ERR
+        && std::signal(SIGPIPE, SIG_IGN) != SIG_ERR;
+}
 
+void quitOnSignals(QCoreApplication *application)
+{
     auto *notifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, application);
     QObject::connect(notifier, &QSocketNotifier::activated, application, &QCoreApplication::quit);
-    return std::signal(SIGINT, passSignalOn) != SIG_ERR
-        && std::signal(SIGTERM, passSignalOn) != SIG_ERR;
 }
+
+bool print(const QString &line)
+{
+    return std::printf("%s\n", qUtf8Printable(line)) > 0 && std::fflush(stdout) == 0;
+}
+
+const QString cannotPrint =
+    u"cannot print the address (%1): give it an output that can be written."_s;
 
 int serve(QCoreApplication &application, quint16 port, const QString &database,
           const QString &folder)
@@ -77,11 +91,9 @@ int serve(QCoreApplication &application, quint16 port, const QString &database,
         Store store(database);
         Releases releases(folder);
         Service service(store, releases, server.release());
-        if (!quitOnSignals(&application))
-            return fail(StartFailed, u"cannot handle signals: %1."_s.arg(qt_error_string()));
-
-        std::printf("%s\n", qUtf8Printable(service.address()));
-        std::fflush(stdout);
+        quitOnSignals(&application);
+        if (!print(service.address()))
+            return fail(StartFailed, cannotPrint.arg(qt_error_string()));
         return QCoreApplication::exec();
     } catch (const StoreError &error) {
         return fail(StartFailed,
@@ -107,6 +119,12 @@ Exit status: 0 after a signal, 1 if it cannot start, 2 for wrong arguments.)"_s;
 
 int main(int argc, char *argv[])
 {
+    // Asked first: the next descriptor that is opened takes the place of a closed one.
+    if (::fcntl(STDOUT_FILENO, F_GETFD) < 0)
+        return fail(StartFailed, cannotPrint.arg(qt_error_string()));
+    if (!catchSignals())
+        return fail(StartFailed, u"cannot handle signals: %1."_s.arg(qt_error_string()));
+
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(u"corvane-sandbox"_s);
     QCoreApplication::setApplicationVersion(QStringLiteral(CORVANE_VERSION));
@@ -142,11 +160,17 @@ int main(int argc, char *argv[])
                         parser.value(portOption)));
     }
 
+    const QString database = parser.value(databaseOption);
+    if (parser.isSet(databaseOption) && database.isEmpty()) {
+        return fail(WrongUsage,
+                    u"the database has no name: name a file, or leave --database out to keep the "
+                    "state in memory."_s);
+    }
     const QString folder = parser.value(releasesOption);
     if (parser.isSet(releasesOption) && !QFileInfo(folder).isDir()) {
         return fail(StartFailed,
                     u"the releases folder \"%1\" does not exist: create it, or name another with "
                     "--releases."_s.arg(folder));
     }
-    return serve(application, *port, parser.value(databaseOption), folder);
+    return serve(application, *port, database, folder);
 }

@@ -25,15 +25,20 @@
 #include <algorithm>
 #include <csignal>
 
+#include <fcntl.h>
 #include <memory>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
 constexpr int timeout = 20000;
+
+// Runs in the process to be, before the program.
+using SpoilOutput = void (*)();
 
 // The number under which the process holds the file open; empty if it does not.
 QString descriptor(qint64 process, const QString &file)
@@ -240,6 +245,9 @@ private Q_SLOTS:
     void refusesTheDatabaseOfAnotherVersion();
     void endsCleanlyOnSignal_data();
     void endsCleanlyOnSignal();
+    void endsCleanlyOnSignalWhileItStarts();
+    void refusesToStartWithoutAnOutput_data();
+    void refusesToStartWithoutAnOutput();
 
     void stateIsGoneWithoutADatabase();
     void acknowledgedStateSurvivesAKill();
@@ -439,6 +447,10 @@ void tst_Sandbox::refusesToStart_data()
     QTest::newRow("releases-empty") << QStringList{u"--releases="_s} << 1 << useFolder.arg(u""_s);
     QTest::newRow("releases-is-a-file")
         << QStringList{u"--releases"_s, u"text.txt"_s} << 1 << useFolder.arg(u"text.txt"_s);
+    QTest::newRow("database-empty")
+        << QStringList{u"--database"_s, u""_s} << 2
+        << u"the database has no name: name a file, or leave --database out to keep the state in "
+           "memory.\n"_s;
     const QString useDatabase =
         u"cannot use the database \"%1\" (%2): name a file that you may write and that "
         "corvane-sandbox made, or a new one, with --database.\n"_s;
@@ -519,6 +531,56 @@ void tst_Sandbox::endsCleanlyOnSignal()
     QCOMPARE(get(u"/"_s).status, 404); // with a connection kept alive
     QCOMPARE(m_sandbox->end(signal), u"0"_s);
     restart({});
+}
+
+// The signal used to kill it until it had opened its database.
+void tst_Sandbox::endsCleanlyOnSignalWhileItStarts()
+{
+    Transaction other(path(u"state.sqlite"_s));
+    QProcess process;
+    process.start(QStringLiteral(CORVANE_SANDBOX_PATH), {u"--database"_s, path(u"state.sqlite"_s)});
+    QVERIFY(process.waitForStarted(timeout));
+    QVERIFY(waitUntilHeldUp(process.processId(), path(u"state.sqlite"_s)));
+    process.terminate();
+    QVERIFY(other.run(u"ROLLBACK"_s));
+    QVERIFY(process.waitForFinished(timeout));
+    QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(process.exitCode(), 0);
+    QCOMPARE(process.readAllStandardError(), QByteArray());
+}
+
+void tst_Sandbox::refusesToStartWithoutAnOutput_data()
+{
+    QTest::addColumn<SpoilOutput>("spoil");
+    QTest::addColumn<QString>("reason");
+
+    QTest::newRow("closed") << SpoilOutput([] { ::close(STDOUT_FILENO); })
+                            << u"Bad file descriptor"_s;
+    QTest::newRow("full") << SpoilOutput([] {
+        ::dup2(::open("/dev/full", O_WRONLY), STDOUT_FILENO);
+    }) << u"No space left on device"_s;
+    QTest::newRow("reader-gone") << SpoilOutput([] {
+        int ends[2];
+        if (::pipe(ends) == 0 && ::dup2(ends[1], STDOUT_FILENO) >= 0)
+            ::close(ends[0]);
+    }) << u"Broken pipe"_s;
+}
+
+// It used to serve where nobody could know.
+void tst_Sandbox::refusesToStartWithoutAnOutput()
+{
+    QFETCH(const SpoilOutput, spoil);
+    QFETCH(const QString, reason);
+
+    QProcess process;
+    process.setChildProcessModifier(spoil);
+    process.start(QStringLiteral(CORVANE_SANDBOX_PATH), {});
+    QVERIFY(process.waitForFinished(timeout));
+    QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(process.exitCode(), 1);
+    QCOMPARE(QString::fromUtf8(process.readAllStandardError()),
+             u"corvane-sandbox: cannot print the address (%1): give it an output that can be "
+             "written.\n"_s.arg(reason));
 }
 
 void tst_Sandbox::stateIsGoneWithoutADatabase()
