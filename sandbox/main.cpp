@@ -111,7 +111,8 @@ it gets SIGINT or SIGTERM. A new database holds DEMO, a product of three plans.
 A folder named after a product holds that product's releases:
   DIR/DEMO/stable/1.4.0/demo-1.4.0.zip   one file for each version
   DIR/DEMO/stable/1.4.0/notes.txt        release notes in UTF-8, if any
-The highest version of a channel is its latest. Copy a folder in to publish it.
+The highest version of a channel is its latest. Copy a folder in to publish it;
+replace a release by moving a new file into place, never by writing over it.
 
 Exit status: 0 after a signal, 1 if it cannot start, 2 for wrong arguments.)"_s;
 

@@ -114,8 +114,9 @@ void Service::answer(const QHttpServerRequest &request, QHttpServerResponder &re
     Reply reply = replyTo(request);
     // An answer to HEAD has no body: one that came anyway would be read as the next answer.
     if (request.method() == Method::Head)
-        responder.write(reply.status);
-    else if (!reply.file.isEmpty())
+        reply.body.clear();
+
+    if (!reply.file.isEmpty())
         writeFile(responder, reply.file, reply.mimeType);
     else if (!reply.allowed.isEmpty())
         writeNotAllowed(responder, reply.body, reply.mimeType, reply.allowed);

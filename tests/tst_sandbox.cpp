@@ -405,6 +405,7 @@ void tst_Sandbox::helpFitsAScreen()
     for (const char *option : {"--port <N>", "--database <FILE>", "--releases <DIR>", "--version"})
         QVERIFY2(help.contains(option), option);
     QVERIFY(help.contains("A folder named after a product holds that product's releases"));
+    QVERIFY(help.contains("moving a new file into place, never by writing over it"));
     const QByteArrayList lines = help.split('\n');
     QVERIFY(lines.size() <= 24);
     for (const QByteArray &line : lines.mid(1)) // the usage line holds the program's path
@@ -1537,6 +1538,7 @@ void tst_Sandbox::headIsAnsweredWithoutABody()
                                         "GET / HTTP/1.1\r\nHost: a\r\n\r\n",
                                         2);
     QVERIFY2(answers.startsWith("HTTP/1.1 405 "), answers.constData());
+    QCOMPARE(answers.toLower().count("\r\nallow: get\r\n"), 1);
     QCOMPARE(answers.indexOf("\r\n\r\n") + 4, answers.indexOf("HTTP/1.1 404 "));
 }
 
