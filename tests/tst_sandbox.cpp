@@ -283,7 +283,6 @@ private Q_SLOTS:
     void linkedNotesOutsideTheFolderAreNotRead();
     void linksInsideTheFolderAreFollowed();
     void releasesFolderMayItselfBeALink();
-    void largeFileIsStreamed();
     void fileIsReadAtTheReceiversPace();
     void abandonedDownloadIsLetGo();
 
@@ -1026,27 +1025,6 @@ void tst_Sandbox::releasesFolderMayItselfBeALink()
     QVERIFY(QFile::link(path(u"releases"_s), path(u"link"_s)));
     restart({u"--releases"_s, path(u"link"_s)});
     QCOMPARE(get(u"/releases/DEMO/stable/latest"_s).body, QByteArray("linked"));
-}
-
-void tst_Sandbox::largeFileIsStreamed()
-{
-    constexpr qint64 size = 256 * 1024 * 1024;
-    write(u"releases/DEMO/stable/1.0/demo.zip"_s, "");
-    QVERIFY(QFile::resize(path(u"releases/DEMO/stable/1.0/demo.zip"_s), size));
-
-    const std::unique_ptr<QNetworkReply> reply(m_network->get(
-        QNetworkRequest(QUrl(m_sandbox->address() + "/releases/DEMO/stable/latest"_L1))));
-    qint64 received = 0;
-    connect(reply.get(), &QNetworkReply::readyRead, this,
-            [&] { received += reply->readAll().size(); });
-    QSignalSpy finished(reply.get(), &QNetworkReply::finished);
-    QVERIFY(finished.wait(timeout));
-    QCOMPARE(reply->error(), QNetworkReply::NoError);
-    QCOMPARE(received, size);
-
-    const qint64 peak = procNumber(u"%1/status"_s.arg(m_sandbox->processId()), u"VmHWM"_s);
-    QVERIFY(peak > 0);
-    QVERIFY2(peak * 1024 < size, qPrintable(QString::number(peak)));
 }
 
 // A file used to be read to its end whether or not anybody took it, into memory.
