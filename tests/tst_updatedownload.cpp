@@ -145,13 +145,8 @@ void tst_UpdateDownload::setsNothingElseOnTheRequest()
     const QNetworkReply *reply = host.client.findChild<QNetworkReply *>();
     QVERIFY(reply);
 
-    const QNetworkRequest expected = PlainNetwork::uncachedRequest(url);
-    QCOMPARE(reply->request(), expected);
-    QCOMPARE(reply->request().rawHeaderList(), expected.rawHeaderList());
-    // As an integer: a comparison of variants takes false for 0.
-    const QVariant control = reply->request().attribute(QNetworkRequest::CacheLoadControlAttribute);
-    QCOMPARE(control.typeId(), int(QMetaType::Int));
-    QCOMPARE(control.toInt(), 0);
+    QCOMPARE(reply->request().url(), url);
+    QVERIFY(PlainNetwork::isUncachedGet(reply->request()));
     QCOMPARE(reply->operation(), QNetworkAccessManager::GetOperation);
 }
 

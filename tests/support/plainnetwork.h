@@ -22,8 +22,9 @@ Answer ask(LoopbackServer &server, const LoopbackServer::Request &like,
            const QByteArray &response = LoopbackServer::response(200, "{}"),
            LoopbackServer::After after = LoopbackServer::KeepOpen);
 
-// A GET of the URL that no cache may answer, as a plain manager sends it.
-QNetworkRequest uncachedRequest(const QUrl &url);
+// Whether a sent request sets what keeps caches from answering a GET, and nothing else beyond what
+// a plain manager adds by itself.
+bool isUncachedGet(const QNetworkRequest &request);
 
 // The error text of a plain GET of the URL; null if it succeeds.
 QString errorString(const QUrl &url);
