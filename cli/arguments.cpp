@@ -15,11 +15,11 @@ namespace {
 
 struct Synopsis
 {
-    Command command;
+    Command command = {};
     QLatin1StringView name;
     QLatin1StringView operands;
-    qsizetype required;
-    qsizetype allowed;
+    qsizetype required = 0;
+    qsizetype allowed = 0;
 };
 
 constexpr Synopsis synopses[] = {

@@ -96,7 +96,7 @@ void reportCheck(Session &session, const UpdateInfo &update)
 void reportPlans(Session &session, const QJsonArray &plans)
 {
     QStringList texts;
-    for (const QJsonValue &plan : plans)
+    for (const auto plan : plans)
         texts.append(planText(plan));
     session.finish({plans.isEmpty() ? u"No plans.\n"_s : texts.join(u'\n'), {{u"plans"_s, plans}}});
 }

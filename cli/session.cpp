@@ -55,7 +55,7 @@ Session::Session(const Arguments &arguments)
     m_client.setProductCode(arguments.product);
     connect(&m_client, &Corvane::networkError, this, &Session::handleNetworkError);
 
-    if (arguments.timeout > 0ms) {
+    if (arguments.timeout.count() > 0) {
         m_timeout.setSingleShot(true);
         // A coarse timer may come too early.
         m_timeout.setTimerType(Qt::PreciseTimer);
@@ -119,7 +119,7 @@ void Session::end(int status)
     QCoreApplication::exit(caughtSignal != 0 ? 128 + caughtSignal : status);
 }
 
-bool Session::printReport(const Report &report)
+bool Session::printReport(const Report &report) const
 {
     if (!m_json)
         return print(report.text, wakeUpPipe[0]);

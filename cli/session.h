@@ -40,7 +40,7 @@ public:
 private:
     bool close();
     static void end(int status);
-    bool printReport(const Report &report);
+    bool printReport(const Report &report) const;
     void handleNetworkError(const QString &message);
     void handleTimeout();
     void handleSignal();

@@ -151,7 +151,7 @@ int main(int argc, char *argv[])
         parser.showHelp();
     if (!parser.positionalArguments().isEmpty()) {
         return fail(WrongUsage,
-                    u"unexpected argument \"%1\"."_s.arg(parser.positionalArguments().first())
+                    u"unexpected argument \"%1\"."_s.arg(parser.positionalArguments().constFirst())
                         + seeHelp);
     }
     const std::optional<quint16> port = portFrom(parser.value(portOption));

@@ -55,7 +55,7 @@ std::optional<Release> Releases::latest(const QString &product, const QString &c
     QStringList versions = folder.entryList(QDir::Dirs | QDir::NoDotAndDotDot);
     std::sort(versions.begin(), versions.end(), isNewer);
     for (const QString &version : std::as_const(versions)) {
-        if (const std::optional<Release> release = find(product, channel, version))
+        if (std::optional<Release> release = find(product, channel, version))
             return release;
     }
     return std::nullopt;

@@ -37,7 +37,7 @@ public:
 private:
     struct Digest
     {
-        qint64 size;
+        qint64 size = 0;
         QDateTime modified;
         // Nobody can set this one back.
         QDateTime changed;

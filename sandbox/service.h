@@ -54,9 +54,10 @@ private:
     // A handler gets the decoded parts of the path that stand for the route's stars.
     struct Route
     {
-        QHttpServerRequest::Method method;
+        QHttpServerRequest::Method method = QHttpServerRequest::Method::Unknown;
         QLatin1StringView path;
-        Reply (Service::*handler)(const QHttpServerRequest &request, const QStringList &parts);
+        Reply (Service::*handler)(const QHttpServerRequest &request,
+                                  const QStringList &parts) = nullptr;
     };
     static const Route routes[];
 

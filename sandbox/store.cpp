@@ -256,7 +256,7 @@ Purchase Store::startPurchase(const QString &productCode, const Plan &plan, cons
         u"INSERT INTO orders (paypal_order_id, license_id, plan_name, price, currency)"
         " VALUES (?, ?, ?, ?, ?)"_s,
         {randomText(17), license.lastInsertId(), plan.name, plan.price, plan.currency});
-    const Purchase purchase = purchaseByLicense(productCode, licenseKey).value();
+    Purchase purchase = purchaseByLicense(productCode, licenseKey).value();
     transaction.commit();
     return purchase;
 }

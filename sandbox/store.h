@@ -10,7 +10,8 @@
 #include <stdexcept>
 
 // The database refused. The text is for the engineer, not for the end user.
-class StoreError : public std::runtime_error
+// Copied when it is thrown.
+class StoreError : public std::runtime_error // clazy:exclude=copyable-polymorphic
 {
 public:
     using std::runtime_error::runtime_error;
