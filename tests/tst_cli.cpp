@@ -335,9 +335,9 @@ void tst_Cli::refusesBadArguments_data()
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<QString>("error");
 
-    const auto wrongNumber = [](const char *usage) {
+    const auto wrongNumber = [](const char *synopsis) {
         return u"wrong number of arguments; usage: corvane-cli [options] "_s
-            + QString::fromLatin1(usage);
+            + QString::fromLatin1(synopsis);
     };
     const auto badUrl = [](const char *url) {
         return u"bad URL '%1'; it must be http:// or https:// and name a host"_s.arg(

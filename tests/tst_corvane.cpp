@@ -1,8 +1,11 @@
+#include "files.h"
 #include "host.h"
+#include "operations.h"
 
 #include <QtCore/qmetaobject.h>
 #include <QtCore/qregularexpression.h>
 #include <QtCore/qscopeguard.h>
+#include <QtCore/qtemporarydir.h>
 #include <QtCore/qthread.h>
 #include <QtNetwork/qnetworkaccessmanager.h>
 #include <QtNetwork/qnetworkreply.h>
@@ -10,7 +13,10 @@
 #include <QtTest/qtest.h>
 #include <QtTest/qtesteventloop.h>
 
+#include <unistd.h>
+
 #include <atomic>
+#include <cstdio>
 #include <memory>
 #include <mutex>
 #include <type_traits>
@@ -35,6 +41,7 @@ private Q_SLOTS:
     void settersEmitNothing();
     void sentRequestKeepsItsConfiguration();
     void twoClientsShareNothing();
+    void printsNothing();
     void metaObjectHoldsTheSevenSignalsAlone();
     void metaCallEmitsTheSignalOfItsIndex_data();
     void metaCallEmitsTheSignalOfItsIndex();
@@ -122,6 +129,9 @@ void tst_Corvane::initTestCase()
     QCOMPARE(QMetaType::fromName("PurchaseStartInfo"), QMetaType::fromType<PurchaseStartInfo>());
     QCOMPARE(QMetaType::fromName("PurchaseCaptureInfo"),
              QMetaType::fromType<PurchaseCaptureInfo>());
+    // Under these names alone, to the letter.
+    for (const char *name : {"updateinfo", "purchasestartinfo", "purchasecaptureinfo"})
+        QVERIFY(!QMetaType::fromName(name).isValid());
     // In their order.
     QVERIFY(QMetaType::fromName("UpdateInfo").id() < QMetaType::fromName("PurchaseStartInfo").id());
     QVERIFY(QMetaType::fromName("PurchaseStartInfo").id()
@@ -153,6 +163,7 @@ void tst_Corvane::belongsToItsParent()
 
 void tst_Corvane::ownsOneNetworkAccessManager()
 {
+    const QTemporaryDir dir;
     Host host;
     const auto managers = host.client.findChildren<QNetworkAccessManager *>();
     QCOMPARE(managers.size(), 1);
@@ -160,7 +171,7 @@ void tst_Corvane::ownsOneNetworkAccessManager()
     QVERIFY(!managers.constFirst()->isStrictTransportSecurityEnabled()); // as it is by default
 
     host.client.checkForUpdate(u"1"_s, u"stable"_s);
-    host.client.downloadUpdate(host.server.url(), u"/dev/null"_s);
+    host.client.downloadUpdate(host.server.url(), dir.filePath(u"file"_s));
     host.client.fetchPurchasePlans();
     host.client.resumePayPalPurchase(u"K"_s);
     QCOMPARE(managers.constFirst()->findChildren<QNetworkReply *>().size(), 4);
@@ -255,6 +266,37 @@ void tst_Corvane::twoClientsShareNothing()
     first.server.reply(0, LoopbackServer::response(200, offer));
     QCOMPARE(first.log.settled(), QStringList{SignalLog::updateChecked(offerFrom(u"1"_s))});
     QCOMPARE(second.log.lines(), QStringList());
+}
+
+void tst_Corvane::printsNothing()
+{
+    QTemporaryDir dir;
+    const QString destination = dir.filePath(u"file"_s);
+    QFile printed(dir.filePath(u"printed"_s));
+    QVERIFY(printed.open(QIODevice::WriteOnly));
+    std::fflush(nullptr);
+    const int out = dup(STDOUT_FILENO);
+    const int err = dup(STDERR_FILENO);
+    QVERIFY(dup2(printed.handle(), STDOUT_FILENO) >= 0);
+    QVERIFY(dup2(printed.handle(), STDERR_FILENO) >= 0);
+    qsizetype lines = 0;
+    for (const int status : {200, 500}) {
+        Host host;
+        for (const Operation &operation : operations(host.server.url(), destination)) {
+            host.server.script(LoopbackServer::response(status, "not JSON"));
+            operation.call(host.client);
+            host.log.settled();
+        }
+        host.client.downloadUpdate({}, {});
+        lines += host.log.lines().size();
+    }
+    std::fflush(nullptr);
+    dup2(out, STDOUT_FILENO);
+    dup2(err, STDERR_FILENO);
+    close(out);
+    close(err);
+    QCOMPARE(lines, 16);
+    QCOMPARE(Files::contentOf(printed.fileName()), "");
 }
 
 void tst_Corvane::metaObjectHoldsTheSevenSignalsAlone()

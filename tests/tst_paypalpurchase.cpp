@@ -139,12 +139,12 @@ void tst_PayPalPurchase::sendsRequest_data()
     row(
         "start",
         [](Corvane &client) {
-            client.startPayPalPurchase(u" annuale-2 \n"_s, u"\tAda  Maria "_s, u" De LUCA\n"_s,
-                                       u" Ada.Luca@Example.ORG "_s);
+            client.startPayPalPurchase(u" annuale  2 \n"_s, u"\tAda  Maria "_s, u" De  LUCA\n"_s,
+                                       u" Ada  Luca@Example.ORG "_s);
         },
         "start",
-        R"({"email":"ada.luca@example.org","first_name":"Ada  Maria","last_name":"De LUCA",)"
-        R"("plan_code":"ANNUALE-2","product_code":"DEMO"})");
+        R"({"email":"ada  luca@example.org","first_name":"Ada  Maria","last_name":"De  LUCA",)"
+        R"("plan_code":"ANNUALE  2","product_code":"DEMO"})");
     row(
         "start-unicode",
         [](Corvane &client) {
@@ -162,14 +162,14 @@ void tst_PayPalPurchase::sendsRequest_data()
         "start",
         R"({"email":"","first_name":"","last_name":"","plan_code":"","product_code":"DEMO"})");
     row(
-        "resume", [](Corvane &client) { client.resumePayPalPurchase(u" Key-aB \n"_s); }, "resume",
-        R"({"license_key":"Key-aB","product_code":"DEMO"})");
+        "resume", [](Corvane &client) { client.resumePayPalPurchase(u" Key  aB \n"_s); }, "resume",
+        R"({"license_key":"Key  aB","product_code":"DEMO"})");
     row(
         "resume-empty-text", [](Corvane &client) { client.resumePayPalPurchase({}); }, "resume",
         R"({"license_key":"","product_code":"DEMO"})");
     row(
-        "capture", [](Corvane &client) { client.capturePayPalPurchase(u"\t5oRd er "_s); },
-        "capture", R"({"paypal_order_id":"5oRd er"})");
+        "capture", [](Corvane &client) { client.capturePayPalPurchase(u"\t5oRd  er "_s); },
+        "capture", R"({"paypal_order_id":"5oRd  er"})");
     row(
         "capture-empty-text", [](Corvane &client) { client.capturePayPalPurchase({}); }, "capture",
         R"({"paypal_order_id":""})");

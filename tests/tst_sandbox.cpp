@@ -1170,7 +1170,7 @@ void tst_Sandbox::approvalPageShowsThePurchase()
           started.value("paypal_order_id"_L1).toString().toUtf8(),
           QByteArray("Abbonamento annuale"), QByteArray("99.00 EUR"),
           QByteArray("Ada Rossi (ada@example.org)"),
-          QByteArray("<form method=\"post\"><button type=\"submit\">Paga</button></form>")})
+          QByteArray(R"(<form method="post"><button type="submit">Paga</button></form>)")})
         QVERIFY2(page.body.contains(text), text.constData());
     QCOMPARE(query(u"SELECT approved_at IS NULL FROM orders"_s), QStringList{u"1"_s});
 }

@@ -40,8 +40,8 @@ void tst_UsageEvents::sendsMembers_data()
         << QByteArray(R"({"event_type":"","license_key":"","machine_fingerprint":"",)"
                       R"("product_code":"DEMO"})");
     QTest::newRow("key-trimmed-others-not")
-        << u" \n Key k\t"_s << u" m "_s << u"\te\n"_s << QByteArray("{}")
-        << QByteArray(R"({"event_type":"\te\n","license_key":"Key k",)"
+        << u" \n Key  k\t"_s << u" m "_s << u"\te\n"_s << QByteArray("{}")
+        << QByteArray(R"({"event_type":"\te\n","license_key":"Key  k",)"
                       R"("machine_fingerprint":" m ","product_code":"DEMO"})");
     QTest::newRow("payload-cannot-override")
         << u"K"_s << u"M"_s << u"E"_s
