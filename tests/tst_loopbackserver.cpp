@@ -6,6 +6,8 @@
 #include <QtTest/qsignalspy.h>
 #include <QtTest/qtest.h>
 
+#include <poll.h>
+
 using namespace Qt::StringLiterals;
 
 // The server that all other tests trust.
@@ -20,9 +22,16 @@ private Q_SLOTS:
     void recordsPipelinedRequestsOneByOne();
     void answersByteForByteInScriptOrder();
     void holdsRequestUntilReplied();
+    void answersWhatNoScriptIsForAlwaysTheSame();
+    void greetsBeforeARequest();
+    void resetsAfterSending();
+    void sendsBytewise();
+    void refusesAndResetsOnceDead();
+    void forgetsAClientThatHasGone();
     void saysWhenRequestsDoNotCome();
     void ownPartLeavesOutWhatAPlainRequestHas();
     void ownPartNamesWhatOnlyAPlainRequestHas();
+    void outcomeIsWhatAPlainRequestGets();
 
 private:
     static void connectTo(QTcpSocket &socket, const LoopbackServer &server);
@@ -75,7 +84,8 @@ void tst_LoopbackServer::recordsRequestThatArrivesInPieces()
     LoopbackServer server;
     QTcpSocket socket;
     connectTo(socket, server);
-    for (const char byte : QByteArray("POST / HTTP/1.1\r\nContent-Length: 3\r\n\r\nab")) {
+    const QByteArray head = "POST / HTTP/1.1\r\nContent-Length: 3\r\n\r\nab";
+    for (const char byte : head) {
         socket.write(&byte, 1);
         socket.flush();
     }
@@ -130,6 +140,100 @@ void tst_LoopbackServer::holdsRequestUntilReplied()
     QCOMPARE(readUntilClosed(first), "to the first");
 }
 
+void tst_LoopbackServer::answersWhatNoScriptIsForAlwaysTheSame()
+{
+    LoopbackServer server;
+    server.always("any ");
+    server.always("x ", LoopbackServer::Close, "/x?y");
+    server.script("scripted ");
+    QTcpSocket socket;
+    connectTo(socket, server);
+    for (const char *target : {"/x?y", "/", "/x", "/x?y"})
+        socket.write(QByteArray("GET ") + target + " HTTP/1.1\r\n\r\n");
+    QCOMPARE(readUntilClosed(socket), "scripted any any x ");
+}
+
+void tst_LoopbackServer::greetsBeforeARequest()
+{
+    LoopbackServer server;
+    server.greet("hello", LoopbackServer::Close);
+    for (int i = 0; i < 2; ++i) {
+        QTcpSocket socket;
+        connectTo(socket, server);
+        QCOMPARE(readUntilClosed(socket), "hello");
+    }
+    QVERIFY(server.requests().isEmpty());
+}
+
+// What comes with a reset may be lost; what has been read before it is not.
+void tst_LoopbackServer::resetsAfterSending()
+{
+    LoopbackServer server;
+    server.script("part");
+    QTcpSocket socket;
+    connectTo(socket, server);
+    QSignalSpy ready(&socket, &QTcpSocket::readyRead);
+    socket.write("GET / HTTP/1.1\r\n\r\n");
+    QVERIFY(ready.wait());
+    QCOMPARE(socket.readAll(), "part");
+    const auto descriptor = static_cast<int>(socket.socketDescriptor());
+    pollfd hangUp{descriptor, 0, 0};
+    server.reply(0, "", LoopbackServer::Reset);
+    // The kernel knows of a reset as an error, of a mere close not.
+    QCOMPARE(poll(&hangUp, 1, 10000), 1);
+    QVERIFY(hangUp.revents & POLLERR);
+}
+
+void tst_LoopbackServer::sendsBytewise()
+{
+    LoopbackServer server;
+    server.sendBytewise();
+    server.script("byte by byte", LoopbackServer::Close);
+    QTcpSocket socket;
+    connectTo(socket, server);
+    QSignalSpy ready(&socket, &QTcpSocket::readyRead);
+    socket.write("GET / HTTP/1.1\r\n\r\n");
+    QCOMPARE(readUntilClosed(socket), "byte by byte");
+    QVERIFY(ready.size() > 1);
+}
+
+void tst_LoopbackServer::refusesAndResetsOnceDead()
+{
+    LoopbackServer server;
+    QTcpSocket socket;
+    connectTo(socket, server);
+    socket.write("GET / HTTP/1.1\r\n\r\n");
+    QVERIFY(server.waitForRequests(1));
+    const QUrl url = server.url();
+    server.die();
+    QCOMPARE(readUntilClosed(socket), "");
+    QTcpSocket late;
+    QSignalSpy failed(&late, &QTcpSocket::errorOccurred);
+    late.connectToHost(url.host(), static_cast<quint16>(url.port()));
+    QVERIFY(failed.wait());
+    QCOMPARE(late.error(), QTcpSocket::ConnectionRefusedError);
+}
+
+void tst_LoopbackServer::forgetsAClientThatHasGone()
+{
+    LoopbackServer server;
+    server.sendBytewise();
+    {
+        QTcpSocket socket;
+        connectTo(socket, server);
+        socket.write("GET / HTTP/1.1\r\n\r\n");
+        QVERIFY(server.waitForRequests(1));
+        server.reply(0, "a part");
+    }
+    QTcpSocket next;
+    connectTo(next, server);
+    next.write("GET / HTTP/1.1\r\n\r\n");
+    QVERIFY(server.waitForRequests(2));
+    server.reply(0, "nobody hears this");
+    server.reply(1, "but this", LoopbackServer::Close);
+    QCOMPARE(readUntilClosed(next), "but this");
+}
+
 void tst_LoopbackServer::saysWhenRequestsDoNotCome()
 {
     LoopbackServer server;
@@ -155,6 +259,25 @@ void tst_LoopbackServer::ownPartNamesWhatOnlyAPlainRequestHas()
     request.headers.removeIf(
         [](const auto &header) { return header.first.toLower() == "user-agent"; });
     QCOMPARE(PlainNetwork::ownPart(server, request), "POST /\n-user-agent\n\nbody");
+}
+
+void tst_LoopbackServer::outcomeIsWhatAPlainRequestGets()
+{
+    LoopbackServer server;
+    server.script(LoopbackServer::response(200, "fine"));
+    server.script(LoopbackServer::response(403, "not fine"));
+    const PlainNetwork::Outcome fine = PlainNetwork::outcomeOf(server.url());
+    QCOMPARE(fine.error, QNetworkReply::NoError);
+    QCOMPARE(fine.status, 200);
+    QCOMPARE(fine.body, "fine");
+    const PlainNetwork::Outcome refused = PlainNetwork::outcomeOf(server.url(), "body");
+    QCOMPARE(refused.error, QNetworkReply::ContentAccessDenied);
+    QVERIFY(refused.errorString.contains(server.url().toString()));
+    QCOMPARE(refused.status, 403);
+    QCOMPARE(refused.body, "not fine");
+    QCOMPARE(server.requests().constFirst().method, "GET");
+    QCOMPARE(server.requests().constLast().method, "POST");
+    QCOMPARE(server.requests().constLast().body, "body");
 }
 
 QTEST_GUILESS_MAIN(tst_LoopbackServer)

@@ -24,10 +24,8 @@ private Q_SLOTS:
     void init();
     void routesReply_data();
     void routesReply();
-    void answerCutShortIsWhatTheNetworkLayerCallsIt_data();
-    void answerCutShortIsWhatTheNetworkLayerCallsIt();
-    void everySuccessStatusIsASuccess_data();
-    void everySuccessStatusIsASuccess();
+    void onlyAStatusAboveZeroCarriesAnExplanation_data();
+    void onlyAStatusAboveZeroCarriesAnExplanation();
     void refusedUsageTakesTheServicesTextOrTheNetworks_data();
     void refusedUsageTakesTheServicesTextOrTheNetworks();
     void anyBodyGivesOneSignal_data();
@@ -41,6 +39,7 @@ private Q_SLOTS:
     void replyIsGoneBeforeWhatASlotPosts_data();
     void replyIsGoneBeforeWhatASlotPosts();
     void everyOperationMayBeCalledFromASlot();
+    void connectionBelongsToTheClient();
     void destroyedClientSaysNothing();
 
 private:
@@ -175,79 +174,43 @@ void tst_ReplyDispatcher::routesReply()
     QCOMPARE(QFile::exists(destination()), line.startsWith("updateDownloaded"_L1));
 }
 
-void tst_ReplyDispatcher::answerCutShortIsWhatTheNetworkLayerCallsIt_data()
+void tst_ReplyDispatcher::onlyAStatusAboveZeroCarriesAnExplanation_data()
 {
-    QTest::addColumn<int>("operation");
-    QTest::addColumn<QString>("onFailure");
-    QTest::addColumn<QString>("onSuccess");
+    QTest::addColumn<QByteArray>("status");
+    QTest::addColumn<bool>("explained");
 
-    UpdateInfo update;
-    update.currentVersion = u"x"_s;
-    const QString started =
-        SignalLog::purchaseStarted(purchaseOf({}, false, u"Pagamento non avviato."_s));
-    const QString captured =
-        SignalLog::purchaseCaptured(captureOf({}, false, u"Pagamento non completato."_s));
-    const QString error = SignalLog::networkError(errorText);
-    const QStringList onFailure{
-        SignalLog::usageSent(false, errorText), error, error, error, started, started, captured};
-    const QStringList onSuccess{SignalLog::usageSent(false, {}),
-                                SignalLog::updateChecked(update),
-                                SignalLog::updateDownloaded(destination()),
-                                SignalLog::purchasePlansReceived({}),
-                                started,
-                                started,
-                                captured};
-    const QList<Operation> all = operations({}, {});
-    for (int i = 0; i < all.size(); ++i)
-        QTest::newRow(all.at(i).name) << i << onFailure.at(i) << onSuccess.at(i);
+    QTest::newRow("200") << QByteArray("200") << true;
+    QTest::newRow("1") << QByteArray("001") << true;
+    QTest::newRow("0") << QByteArray("000") << false;
+    QTest::newRow("negative") << QByteArray("-12") << false;
 }
 
-// Mostly the network layer calls it a failure with the status of a success. Now and then, in all
-// versions of Qt, it reports the part as a success: the client goes by what its own reply says.
-void tst_ReplyDispatcher::answerCutShortIsWhatTheNetworkLayerCallsIt()
+// The network layer takes any three characters that are a number for a status. It makes an error,
+// with the body so far, of a connection that closes too early only if it notices the two together:
+// a few times in a hundred. The client goes by what its own reply says.
+void tst_ReplyDispatcher::onlyAStatusAboveZeroCarriesAnExplanation()
 {
-    QFETCH(int, operation);
-    QFETCH(QString, onFailure);
-    QFETCH(QString, onSuccess);
+    QFETCH(QByteArray, status);
+    QFETCH(bool, explained);
 
-    Host host;
-    host.server.script("HTTP/1.1 200 OK\r\nContent-Length: 99\r\n\r\n{\"success\":true",
-                       LoopbackServer::Close);
-    operations(host.server.url(), destination()).at(operation).call(host.client);
-    const auto *reply = host.client.findChild<QNetworkReply *>();
-    QString text;
-    connect(reply, &QNetworkReply::finished, this, [&text, reply] {
-        text = reply->error() == QNetworkReply::NoError ? QString() : reply->errorString();
-    });
-    const QStringList lines = host.log.settled();
-    QCOMPARE(lines, QStringList{text.isNull() ? onSuccess : onFailure.replace(errorText, text)});
-    QCOMPARE(QFile::exists(destination()), lines.constFirst().startsWith("updateDownloaded"_L1));
-}
-
-void tst_ReplyDispatcher::everySuccessStatusIsASuccess_data()
-{
-    QTest::addColumn<QByteArray>("response");
-    QTest::addColumn<bool>("accepted");
-
-    for (const int status : {200, 201, 202, 203, 206, 207, 226, 299})
-        QTest::addRow("%d", status) << LoopbackServer::response(status, answer) << true;
-    // Not statuses of a success, but the network layer reports no error for them.
-    for (const int status : {300, 399})
-        QTest::addRow("%d", status) << LoopbackServer::response(status, answer) << true;
-    QTest::newRow("204-without-body") << QByteArray("HTTP/1.1 204 No Content\r\n\r\n") << false;
-    QTest::newRow("200-without-body") << LoopbackServer::response(200, "") << false;
-}
-
-void tst_ReplyDispatcher::everySuccessStatusIsASuccess()
-{
-    QFETCH(QByteArray, response);
-    QFETCH(bool, accepted);
-
-    Host host;
-    host.server.script(response);
-    host.client.sendUsage(u"K"_s, u"M"_s, u"E"_s, {});
-    QCOMPARE(host.log.settled(),
-             QStringList{SignalLog::usageSent(accepted, accepted ? u"Testo"_s : QString())});
+    for (int round = 0; round < 100; ++round) {
+        Host host;
+        host.client.sendUsage(u"K"_s, u"M"_s, u"E"_s, {});
+        const auto *reply = host.client.findChild<QNetworkReply *>();
+        QString line = SignalLog::usageSent(false, {});
+        connect(reply, &QNetworkReply::finished, this, [&line, reply, explained] {
+            if (reply->error() != QNetworkReply::NoError)
+                line = explained ? SignalLog::usageSent(false, reply->errorString())
+                                 : SignalLog::networkError(reply->errorString());
+        });
+        QSignalSpy readable(reply, &QIODevice::readyRead);
+        QVERIFY(host.server.waitForRequests(1));
+        host.server.reply(0, "HTTP/1.1 " + status + " X\r\nContent-Length: 99\r\n\r\n{");
+        QVERIFY(readable.wait());
+        host.server.reply(0, {}, LoopbackServer::Close);
+        const QStringList lines = host.log.settled();
+        QCOMPARE(lines, QStringList{line});
+    }
 }
 
 void tst_ReplyDispatcher::refusedUsageTakesTheServicesTextOrTheNetworks_data()
@@ -396,7 +359,7 @@ void tst_ReplyDispatcher::signalsFollowTheOrderOfReplies()
 {
     Host host;
     // As many as the network layer sends at once to one server.
-    const QList<Operation> all = operations(host.server.url(), destination()).first(6);
+    const QList<Operation> all = operations(host.server.url(), destination()).mid(0, 6);
     for (int i = 0; i < all.size(); ++i) {
         all.at(i).call(host.client);
         QVERIFY(host.server.waitForRequests(i + 1));
@@ -437,9 +400,11 @@ void tst_ReplyDispatcher::replyLivesUntilTheEventLoopThenIsGone()
     const QPointer<QNetworkReply> reply = host.client.findChild<QNetworkReply *>();
     QVERIFY(reply);
     bool handledAndAlive = false;
-    // Connected after the client's own connection, so called after it has handled the reply.
-    connect(reply, &QNetworkReply::finished, this,
-            [&] { handledAndAlive = host.log.lines().size() == 1 && reply; });
+    // Connected after the client's own connection, so called after it has handled the reply, and
+    // read it to its end.
+    connect(reply, &QNetworkReply::finished, this, [&] {
+        handledAndAlive = host.log.lines().size() == 1 && reply && !reply->bytesAvailable();
+    });
     QSignalSpy destroyed(reply, &QObject::destroyed);
     host.log.settled();
     QVERIFY(handledAndAlive);
@@ -497,6 +462,19 @@ void tst_ReplyDispatcher::everyOperationMayBeCalledFromASlot()
     QCOMPARE(next, 1);
     QVERIFY(host.log.waitForLines(1 + all.size()));
     QCOMPARE(host.log.settled().size(), 1 + all.size());
+}
+
+// Whatever cuts the client off from the reply, as its destruction does, ends the connection.
+void tst_ReplyDispatcher::connectionBelongsToTheClient()
+{
+    Host host;
+    host.client.fetchPurchasePlans();
+    auto *reply = host.client.findChild<QNetworkReply *>();
+    QVERIFY(disconnect(reply, nullptr, &host.client, nullptr));
+    QSignalSpy finished(reply, &QNetworkReply::finished);
+    host.server.script(LoopbackServer::response(200, answer));
+    QVERIFY(finished.wait());
+    QCOMPARE(host.log.lines(), QStringList());
 }
 
 void tst_ReplyDispatcher::destroyedClientSaysNothing()

@@ -4,7 +4,25 @@
 #include <QtNetwork/qtcpsocket.h>
 #include <QtTest/qsignalspy.h>
 
+#include <sys/socket.h>
+
 using namespace Qt::StringLiterals;
+
+namespace {
+
+// Closing a socket that does not linger resets the connection.
+void reset(QTcpSocket *socket)
+{
+    if (socket->state() == QTcpSocket::UnconnectedState)
+        return;
+    const linger none{1, 0};
+    const auto descriptor = static_cast<int>(socket->socketDescriptor());
+    if (setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &none, sizeof none) != 0)
+        qFatal("The connection cannot be reset");
+    socket->abort();
+}
+
+} // namespace
 
 QByteArray LoopbackServer::Request::header(const QByteArray &name) const
 {
@@ -43,6 +61,29 @@ void LoopbackServer::script(const QByteArray &bytes, After after)
     m_script.append({bytes, after});
 }
 
+void LoopbackServer::always(const QByteArray &bytes, After after, const QByteArray &target)
+{
+    m_always.insert(target, {bytes, after});
+}
+
+void LoopbackServer::greet(const QByteArray &bytes, After after)
+{
+    m_greeting = {bytes, after};
+}
+
+void LoopbackServer::sendBytewise()
+{
+    m_bytewise = true;
+}
+
+void LoopbackServer::die()
+{
+    m_server.close();
+    const QList<QTcpSocket *> sockets = m_unread.keys(); // those that are reset leave
+    for (QTcpSocket *socket : sockets)
+        reset(socket);
+}
+
 void LoopbackServer::reply(qsizetype request, const QByteArray &bytes, After after)
 {
     if (QTcpSocket *socket = m_connections.at(request))
@@ -69,6 +110,8 @@ void LoopbackServer::accept()
             socket->deleteLater();
         });
         read(socket);
+        if (m_greeting)
+            send(socket, *m_greeting);
     }
 }
 
@@ -82,6 +125,8 @@ void LoopbackServer::read(QTcpSocket *socket)
 // Takes one whole request from what has been read; false if there is none yet.
 bool LoopbackServer::takeRequest(QTcpSocket *socket)
 {
+    if (!m_unread.contains(socket)) // closed by the answer to the request before
+        return false;
     QByteArray &unread = m_unread[socket];
     const qsizetype headEnd = unread.indexOf("\r\n\r\n");
     if (headEnd < 0)
@@ -107,15 +152,41 @@ bool LoopbackServer::takeRequest(QTcpSocket *socket)
 
     m_requests.append(request);
     m_connections.append(socket);
-    if (!m_script.isEmpty())
-        send(socket, m_script.takeFirst());
+    answer(socket, request.target);
     Q_EMIT requestReceived();
     return true;
 }
 
+void LoopbackServer::answer(QTcpSocket *socket, const QByteArray &target)
+{
+    if (!m_script.isEmpty())
+        send(socket, m_script.takeFirst());
+    else if (m_always.contains(target))
+        send(socket, m_always.value(target));
+    else if (m_always.contains({}))
+        send(socket, m_always.value({}));
+}
+
 void LoopbackServer::send(QTcpSocket *socket, const Answer &answer)
 {
+    if (!socket->isOpen()) // the client has gone
+        return;
+
+    if (m_bytewise && answer.bytes.size() > 1) {
+        socket->setSocketOption(QTcpSocket::LowDelayOption, 1);
+        socket->write(answer.bytes.first(1));
+        const Answer rest{answer.bytes.sliced(1), answer.after};
+        connect(
+            socket, &QTcpSocket::bytesWritten, this, [this, socket, rest] { send(socket, rest); },
+            Qt::SingleShotConnection);
+        return;
+    }
+
     socket->write(answer.bytes);
     if (answer.after == Close)
         socket->disconnectFromHost();
+    if (answer.after != Reset)
+        return;
+    socket->flush();
+    reset(socket);
 }

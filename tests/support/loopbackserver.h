@@ -10,6 +10,8 @@
 #include <QtCore/qurl.h>
 #include <QtNetwork/qtcpserver.h>
 
+#include <optional>
+
 class QTcpSocket;
 
 // An HTTP server on a free port of 127.0.0.1 that answers what a test scripts, to the byte, and
@@ -32,7 +34,9 @@ public:
         QByteArray header(const QByteArray &name) const;
     };
 
-    enum After { KeepOpen, Close };
+    // What becomes of the connection once the bytes are sent. Reset breaks it off as a crashing
+    // server does: the client is told so by TCP.
+    enum After { KeepOpen, Close, Reset };
 
     explicit LoopbackServer(QObject *parent = nullptr);
 
@@ -44,6 +48,14 @@ public:
 
     // Answers the next request that no earlier call is for. Requests without a script are held.
     void script(const QByteArray &bytes, After after = KeepOpen);
+    // Answers every request that no script is for; with a target, those for it alone.
+    void always(const QByteArray &bytes, After after = KeepOpen, const QByteArray &target = {});
+    // Does this with every connection as it is made, before any request.
+    void greet(const QByteArray &bytes, After after = KeepOpen);
+    // From now on sends one byte at a time.
+    void sendBytewise();
+    // Refuses all further connections and resets the open ones.
+    void die();
     // Sends bytes on the connection that request came on: whole answers or parts of one.
     void reply(qsizetype request, const QByteArray &bytes, After after = KeepOpen);
 
@@ -66,12 +78,16 @@ private:
     void accept();
     void read(QTcpSocket *socket);
     bool takeRequest(QTcpSocket *socket);
-    static void send(QTcpSocket *socket, const Answer &answer);
+    void answer(QTcpSocket *socket, const QByteArray &target);
+    void send(QTcpSocket *socket, const Answer &answer);
 
     QHash<QTcpSocket *, QByteArray> m_unread;
     QList<Request> m_requests;
     QList<QPointer<QTcpSocket>> m_connections; // one a request
     QList<Answer> m_script;
+    QHash<QByteArray, Answer> m_always; // by target; empty for all others
+    std::optional<Answer> m_greeting;
+    bool m_bytewise = false;
     int m_connectionCount = 0;
     // Last: it takes its sockets along while the members that they report to still exist.
     QTcpServer m_server;

@@ -15,15 +15,17 @@ bool hasHeader(const LoopbackServer::Request &request, const QByteArray &name)
     return !request.header(name).isNull();
 }
 
-QNetworkReply *send(QNetworkAccessManager &network, const QUrl &url,
-                    const LoopbackServer::Request &like)
+using ReplyPointer = std::unique_ptr<QNetworkReply>;
+
+QNetworkReply *send(QNetworkAccessManager &network, const QUrl &url, bool get,
+                    const QByteArray &body)
 {
     QNetworkRequest request(url);
-    if (like.method == "GET")
+    if (get)
         return network.get(request);
     // Without a type the network layer would warn.
     request.setHeader(QNetworkRequest::ContentTypeHeader, "text/plain"_L1);
-    return network.post(request, like.body);
+    return network.post(request, body);
 }
 
 void waitForEnd(QNetworkReply *reply)
@@ -35,6 +37,21 @@ void waitForEnd(QNetworkReply *reply)
 
 } // namespace
 
+PlainNetwork::Outcome PlainNetwork::outcomeOf(QNetworkReply *reply)
+{
+    return {reply->error(), reply->errorString(),
+            reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(),
+            reply->peek(reply->bytesAvailable())};
+}
+
+PlainNetwork::Outcome PlainNetwork::outcomeOf(const QUrl &url, const QByteArray &body)
+{
+    QNetworkAccessManager network;
+    const ReplyPointer reply(send(network, url, body.isEmpty(), body));
+    waitForEnd(reply.get());
+    return outcomeOf(reply.get());
+}
+
 PlainNetwork::Answer PlainNetwork::ask(LoopbackServer &server, const LoopbackServer::Request &like,
                                        const QByteArray &response, LoopbackServer::After after)
 {
@@ -42,7 +59,7 @@ PlainNetwork::Answer PlainNetwork::ask(LoopbackServer &server, const LoopbackSer
     QNetworkAccessManager network;
     server.script(response, after);
     const QUrl url = server.url().resolved(QUrl::fromEncoded(like.target));
-    const std::unique_ptr<QNetworkReply> reply(send(network, url, like));
+    const ReplyPointer reply(send(network, url, like.method == "GET", like.body));
     waitForEnd(reply.get());
     return {server.requests().constLast(), reply->errorString()};
 }
@@ -63,10 +80,8 @@ bool PlainNetwork::isUncachedGet(const QNetworkRequest &request)
 
 QString PlainNetwork::errorString(const QUrl &url)
 {
-    QNetworkAccessManager network;
-    const std::unique_ptr<QNetworkReply> reply(network.get(QNetworkRequest(url)));
-    waitForEnd(reply.get());
-    return reply->error() == QNetworkReply::NoError ? QString() : reply->errorString();
+    const Outcome outcome = outcomeOf(url);
+    return outcome.error == QNetworkReply::NoError ? QString() : outcome.errorString;
 }
 
 QByteArray PlainNetwork::ownPart(LoopbackServer &server, const LoopbackServer::Request &request)

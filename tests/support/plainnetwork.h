@@ -4,6 +4,7 @@
 #include "loopbackserver.h"
 
 #include <QtCore/qstring.h>
+#include <QtNetwork/qnetworkreply.h>
 #include <QtNetwork/qnetworkrequest.h>
 
 // What a plain QNetworkAccessManager, told nothing, makes of things. The network layer decides
@@ -15,6 +16,21 @@ struct Answer
     LoopbackServer::Request request; // as it arrived
     QString errorString;
 };
+
+// All that a client can learn from a reply that has finished.
+struct Outcome
+{
+    QNetworkReply::NetworkError error;
+    QString errorString;
+    int status; // 0: none
+    QByteArray body;
+};
+
+// Leaves the body in the reply.
+Outcome outcomeOf(QNetworkReply *reply);
+
+// What becomes of a GET of the URL, or of a POST to it if there is a body.
+Outcome outcomeOf(const QUrl &url, const QByteArray &body = {});
 
 // Sends the method, target and body of a recorded request once more to the server, which answers
 // with these bytes.
