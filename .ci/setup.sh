@@ -1,31 +1,49 @@
 # Sourced by ./demo and ./check: shows the steps, and installs what they need.
 
-packages=(g++ cmake ninja-build qt6-base-dev qt6-httpserver-dev qt6-websockets-dev libqt6sql6-sqlite curl sqlite3)
-commands=(c++ cmake ninja curl sqlite3)
+# command:package; without a command, a part of Qt that the configure step looks for.
+tools=(c++:g++ cmake:cmake ninja:ninja-build curl:curl sqlite3:sqlite3
+    nginx:nginx-light tinyproxy:tinyproxy-bin microsocks:microsocks openssl:openssl
+    :qt6-base-dev :qt6-httpserver-dev :qt6-websockets-dev :libqt6sql6-sqlite)
 
 # Everything that runs here talks to this machine alone; no proxy may stand between.
-export no_proxy=127.0.0.1,localhost NO_PROXY=127.0.0.1,localhost
+export no_proxy=127.0.0.1,::1,localhost NO_PROXY=127.0.0.1,::1,localhost
 
 step() {
     printf '\n\033[1m== %s\033[0m\n' "$*" | if [ -t 1 ]; then cat; else sed 's/\x1b\[[0-9]*m//g'; fi
 }
 
-# By apt on Debian and Ubuntu. Elsewhere, names what is missing and stops.
+# installed COMMAND: servers may be where only root looks.
+installed() {
+    PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin command -v "$1" >/dev/null
+}
+
+# without_services COMMAND...: Debian starts the servers that it installs. These are for the tests
+# to start, so packages are told not to meanwhile, unless the machine has a policy of its own.
+without_services() (
+    policy=/usr/sbin/policy-rc.d
+    if [ ! -e $policy ] && [ ! -L $policy ]; then
+        trap '"${as_root[@]}" rm -f $policy' EXIT
+        printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" install -m 755 /dev/stdin $policy
+    fi
+    "$@"
+)
+
+# install_missing [COMMAND:PACKAGE]...: the tools above and these. By apt on Debian and Ubuntu.
+# Elsewhere, names what is missing and stops.
 install_missing() {
-    local missing=() name
+    local missing=() tool
     if ! command -v apt-get >/dev/null; then
-        for name in "${commands[@]}"; do
-            command -v "$name" >/dev/null || missing+=("$name")
+        for tool in "${tools[@]}" "$@"; do
+            [ -z "${tool%%:*}" ] || installed "${tool%%:*}" || missing+=("${tool%%:*}")
         done
-        # Missing parts of Qt are named by the configure step.
         [ ${#missing[@]} -eq 0 ] && return
         echo "Missing: ${missing[*]}. Install them (CMake 3.25 or later), and Qt 6.4 or later (Core," \
             "Network, Sql with SQLite, Test, HttpServer), then run this again." >&2
         exit 1
     fi
 
-    for name in "${packages[@]}"; do
-        [ "$(dpkg-query -W -f '${db:Status-Status}' "$name" 2>/dev/null)" = installed ] || missing+=("$name")
+    for tool in "${tools[@]}" "$@"; do
+        [ "$(dpkg-query -W -f '${db:Status-Status}' "${tool#*:}" 2>/dev/null)" = installed ] || missing+=("${tool#*:}")
     done
     [ ${#missing[@]} -eq 0 ] && return
 
@@ -40,6 +58,6 @@ install_missing() {
         as_root=(sudo)
     fi
     "${as_root[@]}" apt-get update
-    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+    without_services "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
         apt-get install -y --no-install-recommends "${missing[@]}"
 }
