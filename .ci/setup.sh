@@ -1,4 +1,4 @@
-# Sourced by ./demo and ./check: shows the steps, and installs what they need.
+# Sourced by ./demo, ./check and its stages: shows the steps, and installs what they need.
 
 # command:package; without a command, a part of Qt that the configure step looks for.
 tools=(c++:g++ cmake:cmake ninja:ninja-build curl:curl sqlite3:sqlite3
