@@ -21,7 +21,8 @@ QT_END_NAMESPACE
 // operation returns at once, and every call ends in exactly one signal: the operation's result
 // signal or networkError(), never both. A call that cannot be sent is refused: it emits
 // networkError() before it returns, sends nothing and changes nothing. A call that is sent ends
-// later, from the event loop; if the object is destroyed first, it emits nothing.
+// later, from the event loop, when the network layer finishes its reply; if the object is destroyed
+// first, it emits nothing.
 //
 // Any number of calls may be in flight; the network layer sends a few at a time to one server, and
 // the others wait. Signals come in the order in which the replies finish, and no signal names the
@@ -32,10 +33,12 @@ QT_END_NAMESPACE
 // signals are emitted there; receivers in other threads get them through queued connections. A
 // slot may call any operation. To destroy the object from a slot, use deleteLater().
 //
-// The library sets no time-out and repeats no call. The network layer does repeat a request, POSTs
-// included, when its connection closes before any answer: the service may get a start or a capture
-// twice. The library keeps nothing on disk but downloads and writes no log. Redirects, proxies and
-// TLS are what QNetworkAccessManager makes of them by default.
+// The library sets no time-out and repeats no call. A server that keeps silent, and a connection
+// that breaks at a bad moment, hold a call for good: the host needs a time-out of its own, and
+// destroys the object. The network layer does repeat a request, in some versions POSTs included,
+// when its connection closes before any answer: the service may get a start or a capture twice. The
+// library keeps nothing on disk but downloads and writes no log. Redirects, proxies and TLS are
+// what QNetworkAccessManager makes of them by default; docs/reliability.md tells what that can be.
 class CORVANE_EXPORT Corvane : public QObject
 {
     Q_OBJECT
