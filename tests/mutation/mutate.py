@@ -210,6 +210,7 @@ class Worker:
             if path.is_file() and relative.parts[0] not in ("build", ".git"):
                 self.write(relative, path.read_bytes())
         configure = self.start(["cmake", "-S", self.tree, "-B", self.build_directory, "-G", "Ninja",
+                                "-DCORVANE_SANDBOX=ON",  # for the tests that talk to it
                                 f"-DCMAKE_PROJECT_INCLUDE={HERE / 'faster.cmake'}"])
         return self.finish(configure) == 0 and self.build("all")
 
