@@ -850,12 +850,13 @@ void tst_Faults::unfinishedReplyGivesNoSignal_data()
         add("reset-in-last-chunk", last, Server::Reset);
         add("reset-at-once", {}, Server::Reset);
         add("chunk-without-line-end", joined, Server::Close);
+        add("chunk-size-no-number", chunked + "ffffffffffffffff\r-\r\n", Server::Close);
     }
 }
 
 // In all versions of Qt, the network layer mostly never finishes a reply whose connection closes
-// between the last chunk and the end of the body, and now and then one whose connection is reset
-// before the request is written. The call then ends with the client.
+// between the last chunk and the end of the body or after certain chunk sizes, and now and then one
+// whose connection is reset before the request is written. The call then ends with the client.
 void tst_Faults::unfinishedReplyGivesNoSignal()
 {
     QFETCH(int, operation);

@@ -172,10 +172,9 @@ bool isOver(const Corvane &client)
 
 int LLVMFuzzerInitialize(int *argc, char ***argv)
 {
-    Target::createApplication(argc, argv);
     // Qt tells of malformed answers in words of its own.
-    qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
-    return 0;
+    return Target::initialize(argc, argv,
+                              [](QtMsgType, const QMessageLogContext &, const QString &) {});
 }
 
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)

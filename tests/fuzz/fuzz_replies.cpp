@@ -24,9 +24,7 @@ void handle(Corvane &client, Corvane::Operation operation, const Model::Answer &
 
 int LLVMFuzzerInitialize(int *argc, char ***argv)
 {
-    Target::createApplication(argc, argv);
-    qInstallMessageHandler(Target::refuseMessage);
-    return 0;
+    return Target::initialize(argc, argv, Target::refuseMessage);
 }
 
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)

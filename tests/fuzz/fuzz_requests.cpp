@@ -432,9 +432,7 @@ void Session::expectUncachedGet(const QNetworkRequest &request)
 
 int LLVMFuzzerInitialize(int *argc, char ***argv)
 {
-    Target::createApplication(argc, argv);
-    qInstallMessageHandler(Target::refuseMessage);
-    return 0;
+    return Target::initialize(argc, argv, Target::refuseMessage);
 }
 
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)

@@ -17,11 +17,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
 // What all targets do with their inputs.
 namespace Target {
 
-// Never deleted: libFuzzer ends with exit(), after which no order of destruction is ours.
-inline void createApplication(int *argc, char ***argv)
+// The application is never deleted: libFuzzer ends with exit(), after which no order of destruction
+// is ours.
+inline int initialize(int *argc, char ***argv, QtMessageHandler handler)
 {
     static const auto *const application = new QCoreApplication(*argc, *argv);
     Q_UNUSED(application)
+    qInstallMessageHandler(handler);
+    return 0;
 }
 
 [[noreturn]] inline void fail(const QString &problem)
@@ -30,7 +33,7 @@ inline void createApplication(int *argc, char ***argv)
     std::abort();
 }
 
-// For qInstallMessageHandler(): the library prints nothing, and makes nothing print.
+// A message handler: the library prints nothing, and makes nothing print.
 inline void refuseMessage(QtMsgType, const QMessageLogContext &, const QString &text)
 {
     fail(QStringLiteral("A message: ") + text);
