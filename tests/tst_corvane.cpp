@@ -32,6 +32,7 @@ private Q_SLOTS:
     void initTestCase();
     void init();
     void startsUnconfigured();
+    void readsNoEnvironment();
     void belongsToItsParent();
     void ownsOneNetworkAccessManager();
     void keepsServerUrlUnchanged_data();
@@ -40,6 +41,7 @@ private Q_SLOTS:
     void normalisesProductCode();
     void settersEmitNothing();
     void sentRequestKeepsItsConfiguration();
+    void sendsCookiesBack();
     void twoClientsShareNothing();
     void printsNothing();
     void metaObjectHoldsTheSevenSignalsAlone();
@@ -152,6 +154,21 @@ void tst_Corvane::startsUnconfigured()
     QVERIFY(!client.parent());
 }
 
+void tst_Corvane::readsNoEnvironment()
+{
+    const char *const names[] = {"CORVANE_SERVER", "CORVANE_SERVER_URL", "CORVANE_PRODUCT",
+                                 "CORVANE_PRODUCT_CODE"};
+    const auto restore = qScopeGuard([&names] {
+        for (const char *name : names)
+            qunsetenv(name);
+    });
+    for (const char *name : names)
+        qputenv(name, "http://127.0.0.1/");
+    const Corvane client;
+    QCOMPARE(client.serverUrl(), QUrl());
+    QCOMPARE(client.productCode(), QString());
+}
+
 void tst_Corvane::belongsToItsParent()
 {
     QObject parent;
@@ -249,6 +266,20 @@ void tst_Corvane::sentRequestKeepsItsConfiguration()
     QVERIFY(host.server.requests().constFirst().target.startsWith("/api/v1/releases/latest/DEMO?"));
     host.server.reply(0, LoopbackServer::response(200, offer));
     QCOMPARE(host.log.settled(), QStringList{SignalLog::updateChecked(offerFrom(u"1"_s))});
+}
+
+// As every manager does by default.
+void tst_Corvane::sendsCookiesBack()
+{
+    Host host;
+    host.server.script("HTTP/1.1 200 OK\r\nSet-Cookie: session=1\r\nContent-Length: 0\r\n\r\n");
+    host.server.script(LoopbackServer::response(200, "{}"));
+    host.client.fetchPurchasePlans();
+    host.log.settled();
+    host.client.resumePayPalPurchase(u"K"_s);
+    host.log.settled();
+    QCOMPARE(host.server.requests().constFirst().header("Cookie"), QByteArray());
+    QCOMPARE(host.server.requests().constLast().header("Cookie"), "session=1");
 }
 
 void tst_Corvane::twoClientsShareNothing()
