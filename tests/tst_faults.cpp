@@ -422,9 +422,9 @@ void addRedirects()
             const Expectation expectation = !followed ? ignored : good ? arrived : failure(status);
             row(tag + '-' + name,
                 {expectation,
-                 [redirect, location = location](Scene &scene) {
+                 [redirect, target = location](Scene &scene) {
                      const QByteArray port = QByteArray::number(scene.other.url().port());
-                     QByteArray place = location;
+                     QByteArray place = target;
                      scene.host.server.always(redirect(place.replace("PORT", port)));
                      const QByteArray there = Server::response(200, answer);
                      scene.host.server.always(there, Server::KeepOpen, "/elsewhere");
