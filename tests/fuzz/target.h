@@ -19,6 +19,7 @@ namespace Target {
 
 // The application is never deleted: libFuzzer ends with exit(), after which no order of destruction
 // is ours.
+// NOLINTNEXTLINE(readability-non-const-parameter): QCoreApplication takes argc by reference
 inline int initialize(int *argc, char ***argv, QtMessageHandler handler)
 {
     static const auto *const application = new QCoreApplication(*argc, *argv);
@@ -95,7 +96,7 @@ public:
     QByteArray until(char separator)
     {
         const qsizetype at = m_rest.indexOf(separator);
-        const QByteArray part = at < 0 ? m_rest : m_rest.left(at);
+        QByteArray part = at < 0 ? m_rest : m_rest.left(at);
         m_rest = at < 0 ? QByteArray() : m_rest.mid(at + 1);
         return part;
     }
