@@ -8,6 +8,7 @@
 #include <QtCore/qtemporarydir.h>
 #include <QtCore/qthread.h>
 #include <QtNetwork/qnetworkaccessmanager.h>
+#include <QtNetwork/qnetworkproxy.h>
 #include <QtNetwork/qnetworkreply.h>
 #include <QtTest/qsignalspy.h>
 #include <QtTest/qtest.h>
@@ -62,7 +63,10 @@ private Q_SLOTS:
 
 namespace {
 
-// Whether a member can be named from outside the class.
+// What an heir sees of the class.
+struct Heir : Corvane
+{
+    // Whether a member can be named there.
 #define CAN_NAME(member) \
     template <typename T, typename = void> struct CanName_##member : std::false_type \
     { \
@@ -71,24 +75,25 @@ namespace {
     struct CanName_##member<T, std::void_t<decltype(&T::member)>> : std::true_type \
     { \
     };
-CAN_NAME(serverUrl)
-CAN_NAME(postJson)
-CAN_NAME(handleReply)
-CAN_NAME(parseUpdate)
-CAN_NAME(parsePurchaseStart)
-CAN_NAME(parsePurchaseCapture)
-CAN_NAME(m_network)
-CAN_NAME(m_serverUrl)
-CAN_NAME(m_productCode)
-CAN_NAME(m_currentVersion)
-CAN_NAME(m_downloadPath)
+    CAN_NAME(serverUrl)
+    CAN_NAME(postJson)
+    CAN_NAME(handleReply)
+    CAN_NAME(parseUpdate)
+    CAN_NAME(parsePurchaseStart)
+    CAN_NAME(parsePurchaseCapture)
+    CAN_NAME(m_network)
+    CAN_NAME(m_serverUrl)
+    CAN_NAME(m_productCode)
+    CAN_NAME(m_currentVersion)
+    CAN_NAME(m_downloadPath)
 
-template <typename T, typename = void> struct CanNameOperation : std::false_type
-{
-};
-template <typename T>
-struct CanNameOperation<T, std::void_t<typename T::Operation>> : std::true_type
-{
+    template <typename T, typename = void> struct CanNameOperation : std::false_type
+    {
+    };
+    template <typename T>
+    struct CanNameOperation<T, std::void_t<typename T::Operation>> : std::true_type
+    {
+    };
 };
 
 // The class overrides nothing of QObject's but what its meta-object needs.
@@ -185,13 +190,18 @@ void tst_Corvane::ownsOneNetworkAccessManager()
     const auto managers = host.client.findChildren<QNetworkAccessManager *>();
     QCOMPARE(managers.size(), 1);
     QCOMPARE(managers.constFirst()->parent(), &host.client);
-    QVERIFY(!managers.constFirst()->isStrictTransportSecurityEnabled()); // as it is by default
+    // As it is by default.
+    QVERIFY(!managers.constFirst()->isStrictTransportSecurityEnabled());
+    QVERIFY(!managers.constFirst()->cache());
+    QCOMPARE(managers.constFirst()->proxy(), QNetworkAccessManager().proxy());
 
     host.client.checkForUpdate(u"1"_s, u"stable"_s);
     host.client.downloadUpdate(host.server.url(), dir.filePath(u"file"_s));
     host.client.fetchPurchasePlans();
     host.client.resumePayPalPurchase(u"K"_s);
     QCOMPARE(managers.constFirst()->findChildren<QNetworkReply *>().size(), 4);
+    // Nothing else comes with a call.
+    QCOMPARE(host.client.children(), QObjectList{managers.constFirst()});
 }
 
 void tst_Corvane::keepsServerUrlUnchanged_data()
@@ -495,18 +505,18 @@ void tst_Corvane::recordsHaveNoOperatorsOfTheirOwn()
 
 void tst_Corvane::internalMembersArePrivate()
 {
-    QVERIFY(CanName_serverUrl<Corvane>()); // that the question can be answered with yes
-    QVERIFY(!CanNameOperation<Corvane>());
-    QVERIFY(!CanName_postJson<Corvane>());
-    QVERIFY(!CanName_handleReply<Corvane>());
-    QVERIFY(!CanName_parseUpdate<Corvane>());
-    QVERIFY(!CanName_parsePurchaseStart<Corvane>());
-    QVERIFY(!CanName_parsePurchaseCapture<Corvane>());
-    QVERIFY(!CanName_m_network<Corvane>());
-    QVERIFY(!CanName_m_serverUrl<Corvane>());
-    QVERIFY(!CanName_m_productCode<Corvane>());
-    QVERIFY(!CanName_m_currentVersion<Corvane>());
-    QVERIFY(!CanName_m_downloadPath<Corvane>());
+    QVERIFY(Heir::CanName_serverUrl<Heir>()); // that the question can be answered with yes
+    QVERIFY(!Heir::CanNameOperation<Heir>());
+    QVERIFY(!Heir::CanName_postJson<Heir>());
+    QVERIFY(!Heir::CanName_handleReply<Heir>());
+    QVERIFY(!Heir::CanName_parseUpdate<Heir>());
+    QVERIFY(!Heir::CanName_parsePurchaseStart<Heir>());
+    QVERIFY(!Heir::CanName_parsePurchaseCapture<Heir>());
+    QVERIFY(!Heir::CanName_m_network<Heir>());
+    QVERIFY(!Heir::CanName_m_serverUrl<Heir>());
+    QVERIFY(!Heir::CanName_m_productCode<Heir>());
+    QVERIFY(!Heir::CanName_m_currentVersion<Heir>());
+    QVERIFY(!Heir::CanName_m_downloadPath<Heir>());
 }
 
 void tst_Corvane::parentDestructionDropsRequestsInFlight()

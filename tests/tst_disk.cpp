@@ -2,6 +2,7 @@
 #include "host.h"
 
 #include <QtCore/qdir.h>
+#include <QtCore/qdiriterator.h>
 #include <QtCore/qprocess.h>
 #include <QtCore/qregularexpression.h>
 #include <QtCore/qscopeguard.h>
@@ -82,6 +83,7 @@ private Q_SLOTS:
 namespace {
 
 constexpr uid_t nobody = 65534;
+constexpr qsizetype page = 4096;
 
 // What the access to files is checked against, for this thread alone, so that mounts and limits
 // remain root's to set up.
@@ -444,6 +446,8 @@ void tst_Disk::longestPathIsSaved()
     QCOMPARE(path.size(), size);
     QCOMPARE(download(path), outcome(isSaved, path));
     QCOMPARE(Files::contentOf(path), isSaved ? "body" : "(cannot be read)");
+    if (!isSaved) // under no other name either
+        QVERIFY(!QDirIterator(dir.path(), QDir::Files, QDirIterator::Subdirectories).hasNext());
 }
 
 void tst_Disk::relativeNameIsTakenLiterally_data()
@@ -576,7 +580,6 @@ void tst_Disk::fullFileSystemGoesUnreported_data()
     QTest::addColumn<bool>("exists"); // one page of it
     QTest::addColumn<qsizetype>("size");
 
-    constexpr qsizetype page = 4096;
     QTest::newRow("new-file-cut-short") << 5 * page << 100 * page << false << 5 * page;
     QTest::newRow("old-file-cut-short") << 5 * page << 100 * page << true << 6 * page;
     QTest::newRow("old-file-makes-room") << 0 * page << page << true << page;
@@ -598,7 +601,6 @@ void tst_Disk::fullFileSystemGoesUnreported()
     if (!disk.isMounted())
         QSKIP("No file system can be mounted here");
     const QString path = dir.filePath(u"file"_s);
-    constexpr qsizetype page = 4096;
     if (exists)
         Files::write(path, QByteArray(page, 'o'));
     Files::write(dir.filePath(u"rest"_s),

@@ -49,7 +49,7 @@ endif()
 execute_process(COMMAND nm --dynamic --demangle --undefined-only "${LIBRARY}"
     OUTPUT_VARIABLE used COMMAND_ERROR_IS_FATAL ANY)
 set(means "getenv|qEnvironmentVariable|QSettings|QMessageLogger|QLoggingCategory|printf|puts|fwrite|ostream")
-string(APPEND means "|QTextStream::QTextStream|QDebug::QDebug\\(Q(tMsgType|IODevice|String)")
+string(APPEND means "|QNetworkDiskCache|QSaveFile|QTemporaryFile|QStandardPaths|QTextStream::QTextStream|QDebug::QDebug\\(Q(tMsgType|IODevice|String)")
 if(NOT COMPILER MATCHES "Clang")
     # Without optimisation, Clang leaves in how Qt's meta-types write to a QDebug that they are
     # given, which nothing calls. The names above are of what makes one.

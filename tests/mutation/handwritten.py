@@ -42,6 +42,18 @@ HANDWRITTEN = [
     ("redirect-policy", CORVANE, *before(CONSTRUCTED, "m_network->setRedirectPolicy(QNetworkRequest::ManualRedirectPolicy);\n")),
     ("auto-delete-replies", CORVANE, *before(CONSTRUCTED, "m_network->setAutoDeleteReplies(true);\n")),
     ("strict-transport-security", CORVANE, *before(CONSTRUCTED, "m_network->setStrictTransportSecurityEnabled(true);\n")),
+    ("disk-cache", CORVANE, *before(CONSTRUCTED, """struct NoCache : QAbstractNetworkCache {
+        using QAbstractNetworkCache::QAbstractNetworkCache;
+        QNetworkCacheMetaData metaData(const QUrl &) override { return {}; }
+        void updateMetaData(const QNetworkCacheMetaData &) override { }
+        QIODevice *data(const QUrl &) override { return nullptr; }
+        bool remove(const QUrl &) override { return false; }
+        qint64 cacheSize() const override { return 0; }
+        QIODevice *prepare(const QNetworkCacheMetaData &) override { return nullptr; }
+        void insert(QIODevice *) override { }
+        void clear() override { }
+    };
+    m_network->setCache(new NoCache(m_network));\n""")),
     ("no-cookies", CORVANE, *before(CONSTRUCTED, "m_network->setCookieJar(nullptr);\n")),
     ("prints", CORVANE, *before(CONSTRUCTED, 'fputs("constructed", stderr);\n')),
     ("reads-the-environment", CORVANE, *before(CONSTRUCTED, 'm_productCode = qEnvironmentVariable("CORVANE_PRODUCT_CODE");\n')),
@@ -71,7 +83,7 @@ HANDWRITTEN = [
     ("no-cache-header-on-post", JSON, *before(SENT, '    request.setRawHeader("Cache-Control", "no-cache");\n')),
     ("time-out-of-a-post", JSON, *before(SENT, "    request.setTransferTimeout(30000);\n")),
     ("redirects-limited", JSON, *before(SENT, "    request.setMaximumRedirectsAllowed(3);\n")),
-    ("redirects-of-any-safety", JSON, *before(SENT, "    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::SameOriginRedirectPolicy);\n")),
+    ("redirects-of-one-origin", JSON, *before(SENT, "    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::SameOriginRedirectPolicy);\n")),
     ("priority", JSON, *before(SENT, "    request.setPriority(QNetworkRequest::LowPriority);\n")),
     ("line-break-after-the-body", JSON, "toJson(QJsonDocument::Compact)", "toJson(QJsonDocument::Compact) + '\\n'"),
     ("post-in-the-background", JSON, *before(SENT, "    request.setAttribute(QNetworkRequest::BackgroundRequestAttribute, true);\n")),
@@ -110,10 +122,11 @@ HANDWRITTEN = [
      "[this, reply, operation, version = m_currentVersion] { m_currentVersion = version; handleReply(reply, operation); }"),
     ("path-of-each-download", DISPATCHER, "[this, reply, operation] { handleReply(reply, operation); }",
      "[this, reply, operation, path = m_downloadPath] { m_downloadPath = path; handleReply(reply, operation); }"),
+    ("child-left", DISPATCHER, *before("    connect(reply, &QNetworkReply::finished", "    new QObject(this);\n")),
     ("error-told-at-once", DISPATCHER, *before("    connect(reply, &QNetworkReply::finished",
      "    connect(reply, &QNetworkReply::errorOccurred, this, [this, reply] { Q_EMIT networkError(reply->errorString()); });\n")),
     ("tls-errors-ignored", DISPATCHER, *before("    connect(reply, &QNetworkReply::finished", "    reply->ignoreSslErrors();\n")),
-    ("reply-deleted-at-the-end-alone", DISPATCHER, "    reply->deleteLater();\n", "    const std::unique_ptr<QNetworkReply> end(reply);\n"),
+    ("reply-deleted-without-the-event-loop", DISPATCHER, "    reply->deleteLater();\n", "    const std::unique_ptr<QNetworkReply> end(reply);\n"),
     ("reply-deleted-after-the-signal", DISPATCHER, "    reply->deleteLater();\n",
      "    struct End { QNetworkReply *reply; ~End() { reply->deleteLater(); } } const end{reply};\n"),
     ("body-read-in-part", DISPATCHER, "reply->readAll();", "reply->read(1 << 16);"),

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Changes the library in one place at a time and sees whether a test notices.
 
-Each mutant is built in a copy of the tree, and the test programs that CTest knows run against it,
+Each mutant is built in a copy of the tree, and the test programs that run the library in their own process run against it,
 the one named like the mutant's file first, until one fails. A mutant that none notices has survived:
 it needs a test, or an entry in equivalent.txt that shows why no host can tell it from the original.
 
@@ -294,7 +294,7 @@ class Worker:
                 return NOT_COMPILING, ""
             for test in sorted(tests, key=lambda test: (test.name != f"tst_{Path(mutant.path).stem}", test.seconds)):
                 # Tests see the public headers; a host would no longer build either.
-                if mutant.path.startswith("include/") and not self.build(test.name):
+                if mutant.path.startswith("include/") and not self.build(test.program.name):
                     return REFUSED, test.name
                 outcome = self.run(test)
                 # A test that fails by chance must not pass for one that noticed.

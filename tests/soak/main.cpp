@@ -127,8 +127,9 @@ void run(quint64 seed, qint64 calls)
     if (!countsMemory)
         std::puts("Memory was not judged: another allocator than the C library's is at work.");
     const qint64 milliseconds = std::max<qint64>(timer.elapsed(), 1);
-    std::printf("%lld calls in %.1f s, %lld a second. Each ended in its one signal.\n", calls,
-                static_cast<double>(milliseconds) / 1000, calls * 1000 / milliseconds);
+    std::printf("%lld calls in %.1f s, %lld a second. Each ended in its one signal, but those that"
+                " went with their client.\n",
+                calls, static_cast<double>(milliseconds) / 1000, calls * 1000 / milliseconds);
 }
 
 } // namespace
