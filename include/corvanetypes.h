@@ -62,7 +62,7 @@ struct PurchaseStartInfo
 // The result of capturing a payment.
 struct PurchaseCaptureInfo
 {
-    // True when the payment was taken. False also when the reply was cut short or unreadable.
+    // True when the payment was taken. False also when the reply was unreadable, cut short for one.
     bool paid = false;
     // The service's number for the licence; 0 as in PurchaseStartInfo.
     int licenseId = 0;
