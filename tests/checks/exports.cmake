@@ -14,9 +14,9 @@ set(members
 list(JOIN members "|" members)
 set(judged cat)
 if(COMPILER MATCHES "Clang")
-    # Inline functions of namespace std, which libstdc++ declares visible. GCC hides them by
+    # Inline functions and constants of namespace std, which libstdc++ declares visible. GCC hides them by
     # -fvisibility-inlines-hidden all the same, Clang does not.
-    set(judged sed -E "/ W _ZN?K?St/d")
+    set(judged sed -E "/ [VW] _ZN?K?St/d")
 endif()
 execute_process(
     COMMAND nm --dynamic --defined-only "${LIBRARY}"
