@@ -32,6 +32,7 @@ private Q_SLOTS:
     void ownPartLeavesOutWhatAPlainRequestHas();
     void ownPartNamesWhatOnlyAPlainRequestHas();
     void outcomeIsWhatAPlainRequestGets();
+    void outcomeHasTheWholeBody();
 
 private:
     static void connectTo(QTcpSocket &socket, const LoopbackServer &server);
@@ -278,6 +279,20 @@ void tst_LoopbackServer::outcomeIsWhatAPlainRequestGets()
     QCOMPARE(server.requests().constFirst().method, "GET");
     QCOMPARE(server.requests().constLast().method, "POST");
     QCOMPARE(server.requests().constLast().body, "body");
+}
+
+void tst_LoopbackServer::outcomeHasTheWholeBody()
+{
+    QByteArray body;
+    for (int i = 0; i < 500'000; ++i)
+        body += QByteArray::number(i) + ' ';
+    const QByteArray deflated = qCompress(body).sliced(4); // without the size that Qt puts before
+    LoopbackServer server;
+    server.script(LoopbackServer::response(200, body));
+    server.script("HTTP/1.1 404 Scripted\r\nContent-Encoding: deflate\r\nContent-Length: "
+                  + QByteArray::number(deflated.size()) + "\r\n\r\n" + deflated);
+    QVERIFY(PlainNetwork::outcomeOf(server.url()).body == body);
+    QVERIFY(PlainNetwork::outcomeOf(server.url()).body == body);
 }
 
 QTEST_GUILESS_MAIN(tst_LoopbackServer)

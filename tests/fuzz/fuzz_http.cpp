@@ -22,18 +22,25 @@
 #include <QtNetwork/qnetworkproxy.h>
 #include <QtNetwork/qtcpsocket.h>
 
-#include <sys/socket.h>
-
 using namespace Qt::StringLiterals;
 
 namespace {
 
 constexpr qsizetype mostCalls = 3;
-constexpr int openMilliseconds = 1;
+constexpr int momentMilliseconds = 1; // between the pieces of an answer
 constexpr int patienceMilliseconds = 500;
 
-enum class Ending { Close, Reset, LeaveOpen };
-constexpr Ending endings[] = {Ending::Close, Ending::Reset, Ending::LeaveOpen};
+struct Ending
+{
+    const char *more; // for the answer to end with
+    LoopbackServer::After after;
+};
+// An empty piece more leaves the connection open for that moment.
+constexpr Ending endings[] = {
+    {"", LoopbackServer::Close},
+    {"", LoopbackServer::Reset},
+    {"\x1e", LoopbackServer::Close},
+};
 
 // The manager's own: Qt does not ask the application's for what it takes for local.
 class Confinement : public QNetworkProxyFactory
@@ -58,94 +65,43 @@ private:
 };
 
 // Answers the requests in their order with the input's answers.
-class HostileServer : public LoopbackServer
+class HostileServer
 {
 public:
-    HostileServer(const QList<QByteArray> &answers, Ending ending)
+    HostileServer(const QList<QByteArray> &answers, const Ending &ending)
         : m_answers(answers)
         , m_ending(ending)
     {
-        connect(this, &LoopbackServer::requestReceived, this, [this] { answer(); });
+        QObject::connect(&m_server, &LoopbackServer::requestReceived, &m_server,
+                         [this] { answer(m_server.requests().size() - 1); });
     }
+
+    QUrl url(const QString &path = u"/"_s) const { return m_server.url(path); }
 
 private:
-    void answer()
+    void answer(qsizetype request)
     {
-        QTcpSocket *socket = m_connections.constLast();
         if (m_answers.isEmpty())
-            socket->disconnectFromHost();
+            m_server.reply(request, {}, LoopbackServer::Close);
         else
-            send(socket, m_answers.takeFirst().split('\x1e'));
+            send(request, (m_answers.takeFirst() + m_ending.more).split('\x1e'));
     }
 
-    // Each piece at a turn of the event loop of its own.
-    void send(QTcpSocket *socket, QList<QByteArray> pieces)
+    void send(qsizetype request, QList<QByteArray> pieces)
     {
-        socket->write(pieces.takeFirst());
-        socket->flush();
-        if (pieces.isEmpty())
-            end(socket);
-        else
-            QTimer::singleShot(0, socket, [this, socket, pieces] { send(socket, pieces); });
-    }
-
-    void end(QTcpSocket *socket)
-    {
-        if (m_ending == Ending::Close)
-            socket->disconnectFromHost();
-        else if (m_ending == Ending::Reset)
-            reset(socket);
-        else
-            QTimer::singleShot(openMilliseconds, socket, &QTcpSocket::disconnectFromHost);
-    }
-
-    static void reset(QTcpSocket *socket)
-    {
-        const linger now{1, 0};
-        ::setsockopt(static_cast<int>(socket->socketDescriptor()), SOL_SOCKET, SO_LINGER, &now,
-                     sizeof now);
-        socket->abort();
+        const QByteArray piece = pieces.takeFirst();
+        if (pieces.isEmpty()) {
+            m_server.reply(request, piece, m_ending.after);
+            return;
+        }
+        m_server.reply(request, piece);
+        QTimer::singleShot(momentMilliseconds, &m_server,
+                           [this, request, pieces] { send(request, pieces); });
     }
 
     QList<QByteArray> m_answers;
     const Ending m_ending;
-};
-
-// The whole body, left in place.
-QByteArray peekAll(QNetworkReply *reply)
-{
-    qint64 maximum = 4096;
-    QByteArray body = reply->peek(maximum);
-    while (body.size() == maximum) {
-        maximum *= 8;
-        body = reply->peek(maximum);
-    }
-    return body;
-}
-
-// What the client's own reply says, told before the client is.
-class Witness : public QObject
-{
-public:
-    explicit Witness(QNetworkAccessManager *network)
-    {
-        connect(network, &QNetworkAccessManager::finished, this, &Witness::record);
-    }
-
-    const QList<Model::Answer> &answers() const { return m_answers; }
-
-private:
-    void record(QNetworkReply *reply)
-    {
-        Model::Answer answer;
-        answer.body = peekAll(reply);
-        answer.error = reply->error();
-        answer.errorText = reply->errorString();
-        answer.status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-        m_answers.append(answer);
-    }
-
-    QList<Model::Answer> m_answers;
+    LoopbackServer m_server;
 };
 
 // Waits until the call is over. False if its reply is not finished by then, which is Qt's doing:
@@ -182,16 +138,20 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
     static Places places;
     Target::Input input(data, size);
     Target::Input letters(input.until('\n'));
-    const Ending ending = Target::choice(endings, letters.letter());
+    const Ending &ending = Target::choice(endings, letters.letter());
     const QByteArray calls = letters.rest().left(mostCalls);
 
+    // What the client's own replies say: their manager is told before the client is.
+    QList<Model::Answer> answers;
     HostileServer server(input.rest().split('\x1d'), ending);
     Corvane client;
     client.m_network->setProxyFactory(new Confinement(server.url().port()));
     client.setServerUrl(server.url());
     client.setProductCode(u"DEMO"_s);
     SignalLog log(&client);
-    const Witness witness(client.m_network);
+    QObject::connect(
+        client.m_network, &QNetworkAccessManager::finished, client.m_network,
+        [&answers](QNetworkReply *reply) { answers += PlainNetwork::outcomeOf(reply); });
     const Model::State state{u"x"_s, Places::OldFile};
     const QList<Operation> operationCalls =
         operations(server.url(u"/file"_s), places.path(state.place));
@@ -203,8 +163,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
         operationCalls[operation].call(client);
         if (!isOver(client))
             break;
-        Target::expect("one finished reply", witness.answers().size() == lines.size() + 1);
-        const Model::Answer &answer = witness.answers().constLast();
+        Target::expect("one finished reply", answers.size() == lines.size() + 1);
+        const Model::Answer &answer = answers.constLast();
         lines += Model::line(operation, answer, state, places);
         Target::expect("the signals", log.lines(), lines);
         Target::expect("the file", places.content(state.place),

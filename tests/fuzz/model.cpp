@@ -110,7 +110,7 @@ QString Model::line(Corvane::Operation operation, const Answer &answer, const St
                     const Places &places)
 {
     const Column column = columnOf(answer);
-    const QString error = SignalLog::networkError(answer.errorText);
+    const QString error = SignalLog::networkError(answer.errorString);
     const QJsonDocument document = QJsonDocument::fromJson(answer.body);
     const QJsonObject object = document.isObject() ? document.object() : QJsonObject();
 
@@ -119,7 +119,7 @@ QString Model::line(Corvane::Operation operation, const Answer &answer, const St
         if (column == Success)
             return SignalLog::usageSent(isTrue(object, u"success"_s), serviceText(object, {}));
         return column == Explained
-            ? SignalLog::usageSent(false, serviceText(object, answer.errorText))
+            ? SignalLog::usageSent(false, serviceText(object, answer.errorString))
             : error;
     case Corvane::UpdateCheck:
         return column == Success ? updateChecked(object, state.currentVersion) : error;

@@ -3,21 +3,14 @@
 
 #include "corvane.h"
 #include "places.h"
-
-#include <QtNetwork/qnetworkreply.h>
+#include "plainnetwork.h"
 
 // What the library has to make of a reply, stated a second time and independently of its code. The
 // targets compile without access control: the operations are the class's private ones.
 namespace Model {
 
 // A finished reply, as the network layer tells it.
-struct Answer
-{
-    QNetworkReply::NetworkError error = QNetworkReply::NoError;
-    QString errorText;
-    int status = 0; // none
-    QByteArray body;
-};
+using Answer = PlainNetwork::Outcome;
 
 // What a client remembers of its calls.
 struct State

@@ -19,7 +19,7 @@ public:
         m_unread = answer.body;
         open(ReadOnly); // first: it clears the error's text
         if (answer.error != NoError)
-            setError(answer.error, answer.errorText);
+            setError(answer.error, answer.errorString);
         if (answer.status != noStatus)
             setAttribute(QNetworkRequest::HttpStatusCodeAttribute, answer.status);
         setFinished(true);
@@ -39,12 +39,9 @@ public:
     // <error><status><body>
     static Model::Answer answerOf(Target::Input &input)
     {
-        Model::Answer answer;
-        answer.error = Target::choice(errors, input.letter());
-        answer.errorText = QStringLiteral("Network error %1").arg(answer.error);
-        answer.status = Target::choice(statuses, input.letter());
-        answer.body = input.rest();
-        return answer;
+        const NetworkError error = Target::choice(errors, input.letter());
+        const int status = Target::choice(statuses, input.letter());
+        return {error, QStringLiteral("Network error %1").arg(error), status, input.rest()};
     }
 
 protected:
