@@ -1,4 +1,5 @@
-# Sourced by the stages that fuzz.
+# Sourced by the stages that fuzz. Before they call fuzz(), they set `learned`: the directory below
+# which each target keeps what it learns.
 
 # Downloads go where no disk is worn; what libFuzzer kills leaves some behind.
 scratch=$(mktemp -d -p "$([ -w /dev/shm ] && echo /dev/shm || echo "${TMPDIR:-/tmp}")" corvane-fuzz-XXXXXX)

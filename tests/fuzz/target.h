@@ -55,8 +55,12 @@ inline QString quoted(const QByteArray &bytes)
     return QString::fromUtf8(bytes.toPercentEncoding(" !\"#$&'()*+,/:;<=>?@[]{|}"));
 }
 
+// Whether anything has been compared so far.
+inline bool judged = false;
+
 template <typename T> void expect(const char *what, const T &actual, const T &expected)
 {
+    judged = true;
     if (actual == expected)
         return;
     fail(QStringLiteral("%1\n--- actual:\n%2\n--- expected:\n%3")
