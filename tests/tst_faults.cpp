@@ -418,7 +418,8 @@ void addRedirects()
         const QByteArray tag = QByteArray::number(status);
         const bool followed = status != 300 && status != 304 && status != 306;
         const Expectation ignored = success(status == 304 ? "" : "Gone", status);
-        // Sending a body a second time now and then ends in an unknown error and a warning.
+        // In every Qt, sending a body a second time now and then ends in an unknown error and a
+        // warning.
         const bool sendsBodyAgain = status > 306;
         const auto add = [&](const QByteArray &name, const Expectation &expectation,
                              const Expectation &withBody,

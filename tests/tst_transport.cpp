@@ -29,7 +29,7 @@
 using namespace Qt::StringLiterals;
 
 // What comes with a failure.
-enum Answer { NoAnswer, HtmlAnswer };
+enum Explanation { NoExplanation, Page };
 
 // Every operation over real TLS, HTTP/2, redirects and proxies, with nothing between the library
 // and corvane-sandbox but servers that people run: nginx, tinyproxy, microsocks.
@@ -104,7 +104,7 @@ private:
     QList<Call> callAll(const QUrl &server) const;
     static QStringList linesOf(const QList<Call> &calls);
     QStringList successes(const QList<Call> &calls);
-    static QStringList failures(const QList<Call> &calls, Answer answer);
+    static QStringList failures(const QList<Call> &calls, Explanation explanation);
     QList<Logged> takeLogged();
     static QStringList textsOf(const QList<Logged> &all);
     static qsizetype connectionsOf(const QList<Logged> &all);
@@ -134,12 +134,15 @@ private:
 
 namespace {
 
+// Stands for the requests if nginx has not logged the last one.
+const QString noEnd = u"(no end of the log)"_s;
+
 // The proxies' user.
 const QString proxyUser = u"ada"_s;
 const QString proxyPassword = u"segreto"_s;
 
-// This machine, by an address that the network layer does not take for the loopback: it asks no
-// proxy for that.
+// An address of this machine that the network layer asks a proxy for; for the loopback it asks
+// none.
 const QString proxied = u"0.0.0.0"_s;
 
 // Small: of more than some 100 KB over HTTP/2 through a SOCKS5 proxy, Qt 6.8 may never see the end.
@@ -167,6 +170,9 @@ bool isPost(qsizetype place)
 {
     return requests.at(place).startsWith("POST"_L1);
 }
+
+// The statuses that the network layer follows.
+constexpr int redirects[] = {301, 302, 303, 307, 308};
 
 // As nginx logs the protocols.
 const QString http1 = u"HTTP/1.1"_s;
@@ -222,9 +228,9 @@ QString checked(const QJsonObject &reply)
 }
 
 // The line of an operation that has failed.
-QString failure(qsizetype place, const QString &text, Answer answer)
+QString failure(qsizetype place, const QString &text, Explanation explanation)
 {
-    if (answer == NoAnswer || !isPost(place))
+    if (explanation == NoExplanation || !isPost(place))
         return SignalLog::networkError(text);
     if (place == Usage)
         return SignalLog::usageSent(false, text);
@@ -427,8 +433,10 @@ void tst_Transport::addSites()
         return u"lingering_close on; return %1 %2$request_uri"_s.arg(QString::number(status),
                                                                      url(site).toString());
     };
-    addSite(u"down-302"_s, tls, moved(302, u"plain"_s));
-    addSite(u"down-308"_s, h2, moved(308, u"plain"_s));
+    for (const int status : redirects) {
+        addSite(u"down-%1"_s.arg(status), tls, moved(status, u"plain"_s));
+        addSite(u"down-%1-h2"_s.arg(status), h2, moved(status, u"plain"_s));
+    }
     addSite(u"up-301"_s, plain, moved(301, u"tls"_s));
     addSite(u"up-308"_s, plain, moved(308, u"h2"_s));
     addSite(u"up-308-closing"_s, plain, "keepalive_timeout 0; "_L1 + moved(308, u"tls"_s));
@@ -523,7 +531,7 @@ void tst_Transport::init()
     QFile::remove(destination());
     QSslConfiguration::setDefaultConfiguration(m_trusting);
     // What the test before has left in the log. Not in cleanup(): after a failure nothing waits.
-    takeLogged();
+    QVERIFY2(!textsOf(takeLogged()).contains(noEnd), qPrintable(m_nginx->output()));
 }
 
 void tst_Transport::cleanup()
@@ -646,11 +654,11 @@ QStringList tst_Transport::successes(const QList<Call> &calls)
 }
 
 // The operations' lines when none gets through, and the network layer says why.
-QStringList tst_Transport::failures(const QList<Call> &calls, Answer answer)
+QStringList tst_Transport::failures(const QList<Call> &calls, Explanation explanation)
 {
     QStringList lines;
     for (qsizetype i = 0; i < calls.size(); ++i)
-        lines += failure(i, PlainNetwork::errorString(calls.at(i).url), answer);
+        lines += failure(i, PlainNetwork::errorString(calls.at(i).url), explanation);
     return lines;
 }
 
@@ -665,7 +673,7 @@ QList<tst_Transport::Logged> tst_Transport::takeLogged()
                                           QRegularExpression::MultilineOption);
     const QRegularExpressionMatch end = m_nginx->waitForOutput(fence, m_logPosition);
     if (!end.hasMatch())
-        return {{u"0"_s, u"(no end of the log)"_s}};
+        return {{{}, noEnd}};
 
     QList<Logged> all;
     const QString text =
@@ -782,10 +790,10 @@ void tst_Transport::postsMovedWith301ArriveAsGets()
     expected[PurchaseStart] = expected[PurchaseResume] = started(refusal, text);
     expected[PurchaseCapture] = captured(refusal, text);
     QCOMPARE(linesOf(calls), expected);
-    for (const Logged &request : takeLogged()) {
-        if (request.text.startsWith("tls"_L1))
-            QVERIFY2(request.text.startsWith("tls HTTP/1.1 GET "_L1), qPrintable(request.text));
-    }
+    const QStringList arrived = textsOf(takeLogged()).filter(QRegularExpression(u"^tls "_s));
+    QCOMPARE(arrived.size(), requests.size());
+    for (const QString &request : arrived)
+        QVERIFY2(request.startsWith("tls HTTP/1.1 GET "_L1), qPrintable(request));
 }
 
 void tst_Transport::everyOperationPassesTheProxy_data()
@@ -803,8 +811,8 @@ void tst_Transport::everyOperationPassesTheProxy_data()
 }
 
 // Every connection that nginx has seen is one that the proxy has made. A POST that an HTTP proxy
-// wants credentials for fails now and then in Qt 6.11, whatever sends it: the client goes by what
-// its own reply says.
+// wants credentials for fails now and then in newer versions of Qt (in 6.11, not yet in 6.8),
+// whatever sends it: the client goes by what its own reply says.
 void tst_Transport::everyOperationPassesTheProxy()
 {
     QFETCH(QString, proxy);
@@ -820,11 +828,12 @@ void tst_Transport::everyOperationPassesTheProxy()
 
     QStringList expected = successes(calls);
     QStringList requestsSeen = logged(site, protocol, 200);
-    const bool mayFail = proxy == "http-auth"_L1 && site == "plain"_L1;
+    const bool mayFail =
+        QT_VERSION >= QT_VERSION_CHECK(6, 9, 0) && proxy == "http-auth"_L1 && site == "plain"_L1;
     for (qsizetype i = calls.size() - 1; i >= 0; --i) {
         if (!mayFail || !isPost(i) || calls.at(i).error.isNull())
             continue;
-        expected[i] = failure(i, calls.at(i).error, NoAnswer);
+        expected[i] = failure(i, calls.at(i).error, NoExplanation);
         requestsSeen.removeAt(i);
     }
     QCOMPARE(linesOf(calls), expected);
@@ -838,39 +847,43 @@ void tst_Transport::everyFailureIsWhatTheNetworkLayerCallsIt_data()
 {
     QTest::addColumn<QString>("site");
     QTest::addColumn<bool>("trusting");
-    QTest::addColumn<Answer>("answer");
+    QTest::addColumn<Explanation>("explanation");
     QTest::addColumn<QStringList>("requestsSeen");
 
     const QStringList none = {};
-    QTest::newRow("untrusted-authority") << u"tls"_s << false << NoAnswer << none;
-    QTest::newRow("untrusted-authority-http2") << u"h2"_s << false << NoAnswer << none;
-    QTest::newRow("certificate-of-a-stranger") << u"unknown"_s << true << NoAnswer << none;
-    QTest::newRow("certificate-expired") << u"expired"_s << true << NoAnswer << none;
-    QTest::newRow("certificate-for-another-name") << u"wrong-name"_s << true << NoAnswer << none;
-    QTest::newRow("302-to-less-safe")
-        << u"down-302"_s << true << NoAnswer << logged(u"down-302"_s, http1, 302);
-    QTest::newRow("308-to-less-safe")
-        << u"down-308"_s << true << NoAnswer << logged(u"down-308"_s, http2, 308);
-    QTest::newRow("service-down") << u"dead"_s << true << HtmlAnswer
-                                  << logged(u"dead"_s, http1, 502);
+    QTest::newRow("untrusted-authority") << u"tls"_s << false << NoExplanation << none;
+    QTest::newRow("untrusted-authority-http2") << u"h2"_s << false << NoExplanation << none;
+    QTest::newRow("certificate-of-a-stranger") << u"unknown"_s << true << NoExplanation << none;
+    QTest::newRow("certificate-expired") << u"expired"_s << true << NoExplanation << none;
+    QTest::newRow("certificate-for-another-name")
+        << u"wrong-name"_s << true << NoExplanation << none;
+    for (const int status : redirects) {
+        const QString site = u"down-%1"_s.arg(status);
+        const QString siteOfHttp2 = site + "-h2"_L1;
+        QTest::addRow("%d-to-less-safe", status)
+            << site << true << NoExplanation << logged(site, http1, status);
+        QTest::addRow("%d-to-less-safe-http2", status)
+            << siteOfHttp2 << true << NoExplanation << logged(siteOfHttp2, http2, status);
+    }
+    QTest::newRow("service-down") << u"dead"_s << true << Page << logged(u"dead"_s, http1, 502);
     QTest::newRow("service-down-https")
-        << u"dead-tls"_s << true << HtmlAnswer << logged(u"dead-tls"_s, http1, 502);
+        << u"dead-tls"_s << true << Page << logged(u"dead-tls"_s, http1, 502);
     QTest::newRow("service-down-http2")
-        << u"dead-h2"_s << true << HtmlAnswer << logged(u"dead-h2"_s, http2, 502);
+        << u"dead-h2"_s << true << Page << logged(u"dead-h2"_s, http2, 502);
 }
 
 void tst_Transport::everyFailureIsWhatTheNetworkLayerCallsIt()
 {
     QFETCH(QString, site);
     QFETCH(bool, trusting);
-    QFETCH(Answer, answer);
+    QFETCH(Explanation, explanation);
     QFETCH(QStringList, requestsSeen);
 
     if (!trusting)
         QSslConfiguration::setDefaultConfiguration(m_initialConfiguration);
     const QList<Call> calls = callAll(url(site));
     QCOMPARE(textsOf(takeLogged()), requestsSeen);
-    QCOMPARE(linesOf(calls), failures(calls, answer));
+    QCOMPARE(linesOf(calls), failures(calls, explanation));
     QVERIFY(!QFile::exists(destination()));
 }
 
@@ -880,22 +893,23 @@ void tst_Transport::everyProxyFailureIsWhatTheNetworkLayerCallsIt_data()
     QTest::addColumn<QString>("user");
     QTest::addColumn<QString>("password");
     QTest::addColumn<QString>("site");
-    QTest::addColumn<Answer>("answer");
+    QTest::addColumn<Explanation>("explanation");
 
     for (const char *site : {"plain", "tls"}) {
         const QString name = QString::fromLatin1(site);
         // What an HTTP proxy refuses it explains in a page, which no tunnel lets through.
-        const Answer refusal = name == "plain"_L1 ? HtmlAnswer : NoAnswer;
+        const Explanation refusal = name == "plain"_L1 ? Page : NoExplanation;
         const auto row = [&](const char *tag, const QString &proxy, const QString &user,
-                             const QString &password, Answer answer) {
-            QTest::addRow("%s-for-%s", tag, site) << proxy << user << password << name << answer;
+                             const QString &password, Explanation explanation) {
+            QTest::addRow("%s-for-%s", tag, site)
+                << proxy << user << password << name << explanation;
         };
         row("http-without-credentials", u"http-auth"_s, {}, {}, refusal);
         row("http-wrong-password", u"http-auth"_s, proxyUser, u"x"_s, refusal);
-        row("http-nobody-listens", u"http-nobody"_s, {}, {}, NoAnswer);
-        row("socks-without-credentials", u"socks-auth"_s, {}, {}, NoAnswer);
-        row("socks-wrong-password", u"socks-auth"_s, proxyUser, u"x"_s, NoAnswer);
-        row("socks-nobody-listens", u"socks-nobody"_s, {}, {}, NoAnswer);
+        row("http-nobody-listens", u"http-nobody"_s, {}, {}, NoExplanation);
+        row("socks-without-credentials", u"socks-auth"_s, {}, {}, NoExplanation);
+        row("socks-wrong-password", u"socks-auth"_s, proxyUser, u"x"_s, NoExplanation);
+        row("socks-nobody-listens", u"socks-nobody"_s, {}, {}, NoExplanation);
     }
 }
 
@@ -906,16 +920,17 @@ void tst_Transport::everyProxyFailureIsWhatTheNetworkLayerCallsIt()
     QFETCH(QString, user);
     QFETCH(QString, password);
     QFETCH(QString, site);
-    QFETCH(Answer, answer);
+    QFETCH(Explanation, explanation);
 
     useProxy(proxy, user, password);
     const QList<Call> calls = callAll(url(site, proxied));
-    QStringList expected = failures(calls, answer);
-    const bool mayDiffer = !user.isEmpty() && answer == HtmlAnswer;
+    QStringList expected = failures(calls, explanation);
+    const bool mayDiffer =
+        QT_VERSION >= QT_VERSION_CHECK(6, 9, 0) && !user.isEmpty() && explanation == Page;
     for (qsizetype i = 0; i < calls.size(); ++i) {
         const Call &call = calls.at(i);
         if (mayDiffer && isPost(i))
-            expected[i] = failure(i, call.error, call.status == 0 ? NoAnswer : HtmlAnswer);
+            expected[i] = failure(i, call.error, call.status == 0 ? NoExplanation : Page);
     }
     QCOMPARE(linesOf(calls), expected);
     QVERIFY(!QFile::exists(destination()));
