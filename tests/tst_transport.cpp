@@ -9,6 +9,8 @@
 #include <QtCore/qjsonarray.h>
 #include <QtCore/qjsondocument.h>
 #include <QtCore/qjsonobject.h>
+#include <QtCore/qloggingcategory.h>
+#include <QtCore/qpointer.h>
 #include <QtCore/qprocess.h>
 #include <QtCore/qregularexpression.h>
 #include <QtCore/qset.h>
@@ -23,6 +25,7 @@
 #include <QtTest/qsignalspy.h>
 #include <QtTest/qtest.h>
 
+#include <list>
 #include <map>
 #include <memory>
 
@@ -56,6 +59,10 @@ private Q_SLOTS:
     void everyFailureIsWhatTheNetworkLayerCallsIt();
     void everyProxyFailureIsWhatTheNetworkLayerCallsIt_data();
     void everyProxyFailureIsWhatTheNetworkLayerCallsIt();
+    void everyTlsFaultIsWhatTheNetworkLayerCallsIt_data();
+    void everyTlsFaultIsWhatTheNetworkLayerCallsIt();
+    void everyCallFailsWhenTheServerDiesAmidItsAnswer_data();
+    void everyCallFailsWhenTheServerDiesAmidItsAnswer();
     void callsShareOneHttp2Connection();
 
 private:
@@ -81,6 +88,18 @@ private:
         int status = 0;
         QString error; // null if there was none
     };
+    // An operation that a client of its own has been asked for.
+    struct Running
+    {
+        Running(const Operation &operation, const QUrl &server);
+        Call ended();
+
+        Corvane client;
+        SignalLog log{&client};
+        QSignalSpy started{&client, &Corvane::purchaseStarted};
+        QPointer<QNetworkReply> reply;
+        Call call;
+    };
 
     void findPrograms();
     void makeCertificates();
@@ -91,6 +110,7 @@ private:
     void prepareService();
     void addSite(const QString &name, const Listen &listen, const QString &answer);
     void addSites();
+    void configureNginx();
     void startNginx();
     void startProxies();
 
@@ -119,6 +139,7 @@ private:
     QMap<QString, QUrl> m_urls; // of these sites
     bool m_http2IsDirective = false;
     LoopbackServer m_held;
+    LoopbackServer m_stopping; // answers all requests, and none to the end
     std::unique_ptr<ServerProcess> m_sandbox;
     std::unique_ptr<ServerProcess> m_nginx;
     std::map<QString, std::unique_ptr<ServerProcess>> m_proxies;
@@ -247,9 +268,10 @@ void tst_Transport::initTestCase()
     QVERIFY(QSslSocket::supportsSsl());
     m_initialConfiguration = QSslConfiguration::defaultConfiguration();
     QNetworkProxy::setApplicationProxy(QNetworkProxy::NoProxy);
-    for (const auto step : {&tst_Transport::findPrograms, &tst_Transport::makeCertificates,
-                            &tst_Transport::startSandbox, &tst_Transport::prepareService,
-                            &tst_Transport::startNginx, &tst_Transport::startProxies})
+    for (const auto step :
+         {&tst_Transport::findPrograms, &tst_Transport::makeCertificates,
+          &tst_Transport::startSandbox, &tst_Transport::prepareService,
+          &tst_Transport::configureNginx, &tst_Transport::startNginx, &tst_Transport::startProxies})
     {
         (this->*step)();
         if (QTest::currentTestFailed())
@@ -448,16 +470,20 @@ void tst_Transport::addSites()
     addSite(u"dead-tls"_s, tls, toNobody);
     addSite(u"dead-h2"_s, h2, toNobody);
     addSite(u"held-h2"_s, h2, "proxy_pass "_L1 + m_held.url().toString());
+
+    const QString toStopping = "proxy_buffering off; proxy_pass "_L1 + m_stopping.url().toString();
+    m_stopping.always("HTTP/1.1 200 OK\r\nContent-Length: 999\r\n\r\n{\"success\":true");
+    addSite(u"stopping-tls"_s, tls, toStopping);
+    addSite(u"stopping-h2"_s, h2, toStopping);
 }
 
 // Nothing of it outside the test's folder. It must not linger over requests, which it would then
 // log late.
-void tst_Transport::startNginx()
+void tst_Transport::configureNginx()
 {
-    const QString program = m_programs.value(u"nginx"_s);
     QProcess version;
     version.setProcessChannelMode(QProcess::MergedChannels);
-    version.start(program, {u"-v"_s});
+    version.start(m_programs.value(u"nginx"_s), {u"-v"_s});
     QVERIFY(version.waitForFinished());
     const QString number = QString::fromUtf8(version.readAll()).section(u'/', 1);
     m_http2IsDirective = QVersionNumber::fromString(number) >= QVersionNumber(1, 25, 1);
@@ -482,8 +508,13 @@ http {
 %1}
 )"_s.arg(m_sites);
     Files::write(path(u"nginx.conf"_s), configuration.toUtf8());
+}
+
+void tst_Transport::startNginx()
+{
+    m_logPosition = 0;
     m_nginx = std::make_unique<ServerProcess>(
-        program,
+        m_programs.value(u"nginx"_s),
         QStringList{u"-e"_s, u"stderr"_s, u"-p"_s, m_dir.path(), u"-c"_s, u"nginx.conf"_s});
     for (auto site = m_urls.keyBegin(); site != m_urls.keyEnd(); ++site)
         QVERIFY2(m_nginx->waitForPort(*m_ports.at(*site)), qPrintable(m_nginx->output()));
@@ -530,6 +561,8 @@ void tst_Transport::init()
     QTest::failOnWarning(QRegularExpression(u".*"_s));
     QFile::remove(destination());
     QSslConfiguration::setDefaultConfiguration(m_trusting);
+    if (!m_nginx)
+        startNginx();
     // What the test before has left in the log. Not in cleanup(): after a failure nothing waits.
     QVERIFY2(!textsOf(takeLogged()).contains(noEnd), qPrintable(m_nginx->output()));
 }
@@ -538,6 +571,7 @@ void tst_Transport::cleanup()
 {
     QNetworkProxy::setApplicationProxy(QNetworkProxy::NoProxy);
     QSslConfiguration::setDefaultConfiguration(m_initialConfiguration);
+    QLoggingCategory::setFilterRules({});
 }
 
 // The service has complained of nothing.
@@ -603,31 +637,36 @@ QList<Operation> tst_Transport::operationsOn(const QUrl &server) const
     };
 }
 
+tst_Transport::Running::Running(const Operation &operation, const QUrl &server)
+{
+    client.setServerUrl(server);
+    client.setProductCode(u"DEMO"_s);
+    operation.call(client);
+    reply = client.findChild<QNetworkReply *>();
+    if (!reply)
+        return;
+    call.url = reply->request().url();
+    connect(reply, &QNetworkReply::finished, &client, [this] {
+        call.status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+        if (reply->error() != QNetworkReply::NoError)
+            call.error = reply->errorString();
+    });
+}
+
+tst_Transport::Call tst_Transport::Running::ended()
+{
+    call.lines = log.settled();
+    if (!started.isEmpty())
+        call.licenseKey = started.at(0).at(0).value<PurchaseStartInfo>().licenseKey;
+    return call;
+}
+
 // By a new client for each: all have to make their way themselves.
 QList<tst_Transport::Call> tst_Transport::callAll(const QUrl &server) const
 {
     QList<Call> all;
-    for (const Operation &operation : operationsOn(server)) {
-        Corvane client;
-        client.setServerUrl(server);
-        client.setProductCode(u"DEMO"_s);
-        SignalLog log(&client);
-        QSignalSpy started(&client, &Corvane::purchaseStarted);
-        Call call;
-        operation.call(client);
-        if (const auto *reply = client.findChild<QNetworkReply *>()) {
-            call.url = reply->request().url();
-            connect(reply, &QNetworkReply::finished, &client, [reply, &call] {
-                call.status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-                if (reply->error() != QNetworkReply::NoError)
-                    call.error = reply->errorString();
-            });
-        }
-        call.lines = log.settled();
-        if (!started.isEmpty())
-            call.licenseKey = started.at(0).at(0).value<PurchaseStartInfo>().licenseKey;
-        all.append(call);
-    }
+    for (const Operation &operation : operationsOn(server))
+        all.append(Running(operation, server).ended());
     return all;
 }
 
@@ -936,6 +975,74 @@ void tst_Transport::everyProxyFailureIsWhatTheNetworkLayerCallsIt()
     QVERIFY(!QFile::exists(destination()));
     QNetworkProxy::setApplicationProxy(QNetworkProxy::NoProxy);
     QCOMPARE(textsOf(takeLogged()), QStringList());
+}
+
+void tst_Transport::everyTlsFaultIsWhatTheNetworkLayerCallsIt_data()
+{
+    QTest::addColumn<QByteArray>("greeting");
+    QTest::addColumn<LoopbackServer::After>("after");
+
+    QTest::newRow("garbage") << QByteArray(1000, '\xAA') << LoopbackServer::KeepOpen;
+    QTest::newRow("closed-at-once") << QByteArray() << LoopbackServer::Close;
+    QTest::newRow("reset-at-once") << QByteArray() << LoopbackServer::Reset;
+}
+
+// The server that is spoken to in TLS knows none of it.
+void tst_Transport::everyTlsFaultIsWhatTheNetworkLayerCallsIt()
+{
+    QFETCH(QByteArray, greeting);
+    QFETCH(LoopbackServer::After, after);
+
+    LoopbackServer server;
+    server.greet(greeting, after);
+    QUrl url = server.url();
+    url.setScheme(u"https"_s);
+    const QList<Call> calls = callAll(url);
+    QVERIFY(server.connectionCount() >= calls.size());
+    QCOMPARE(server.requests().size(), 0);
+    QCOMPARE(linesOf(calls), failures(calls, NoExplanation));
+    QVERIFY(!QFile::exists(destination()));
+}
+
+void tst_Transport::everyCallFailsWhenTheServerDiesAmidItsAnswer_data()
+{
+    QTest::addColumn<QString>("site");
+    QTest::addColumn<bool>("overHttp2");
+
+    QTest::newRow("https") << u"stopping-tls"_s << false;
+    QTest::newRow("http2") << u"stopping-h2"_s << true;
+}
+
+// All seven have a part of their answers when nginx is killed. What the network layer calls that
+// depends on its version and on the protocol: the client goes by what its own reply says.
+void tst_Transport::everyCallFailsWhenTheServerDiesAmidItsAnswer()
+{
+    QFETCH(QString, site);
+    QFETCH(bool, overHttp2);
+
+    // Else it would warn of every stream.
+    QLoggingCategory::setFilterRules(u"qt.network.http2=false"_s);
+    std::list<Running> all;
+    for (const Operation &operation : operationsOn(url(site)))
+        all.emplace_back(operation, url(site));
+    for (const Running &running : all) {
+        QTRY_VERIFY_WITH_TIMEOUT(running.reply && running.reply->bytesAvailable() > 0, 10000);
+        QCOMPARE(running.reply->attribute(QNetworkRequest::Http2WasUsedAttribute).toBool(),
+                 overHttp2);
+    }
+    m_nginx.reset();
+
+    QList<Call> calls;
+    QStringList expected;
+    for (Running &running : all) {
+        const Call call = running.ended();
+        QCOMPARE(call.status, 200);
+        QVERIFY(!call.error.isNull());
+        expected += failure(calls.size(), call.error, Page);
+        calls += call;
+    }
+    QCOMPARE(linesOf(calls), expected);
+    QVERIFY(!QFile::exists(destination()));
 }
 
 // Seven at once, more than the network layer allows itself over HTTP/1.1, none answered before all
