@@ -3,8 +3,6 @@
 #include <QtCore/qdir.h>
 #include <QtCore/qfile.h>
 
-#include <cstdlib>
-
 #include <malloc.h>
 #include <unistd.h>
 
@@ -20,7 +18,7 @@ qsizetype entriesOf(const QString &dir)
 qint64 heapBytes()
 {
     const struct mallinfo2 info = ::mallinfo2();
-    return static_cast<qint64>(info.uordblks + info.hblkhd);
+    return static_cast<qint64>(info.uordblks) + static_cast<qint64>(info.hblkhd);
 }
 
 qint64 residentBytes()
@@ -44,8 +42,6 @@ Footprint Footprint::now()
 bool Footprint::countsMemory()
 {
     const qint64 before = heapBytes();
-    void *volatile block = ::malloc(10'000); // volatile, or the compiler would do without it
-    const bool counts = heapBytes() > before;
-    ::free(block);
-    return counts;
+    const QByteArray block(10'000, 'x');
+    return heapBytes() > before;
 }

@@ -147,7 +147,7 @@ void ScriptedServer::accept(int listener)
 void ScriptedServer::read(int socket)
 {
     Connection &connection = m_connections.at(socket);
-    std::array<char, 16384> buffer;
+    std::array<char, 16384> buffer = {};
     const ssize_t size = ::recv(socket, buffer.data(), buffer.size(), 0);
     if (size < 0 && errno == EAGAIN)
         return; // the event was for a connection that had this number before

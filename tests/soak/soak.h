@@ -60,7 +60,7 @@ private:
     struct Pending
     {
         Call call;
-        Client *client;
+        Client *client = nullptr;
         // What the network layer got, and what the client is to say to it.
         QByteArray body;
         QString line;

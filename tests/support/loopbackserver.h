@@ -72,7 +72,7 @@ private:
     struct Answer
     {
         QByteArray bytes;
-        After after;
+        After after = KeepOpen;
     };
 
     void accept();

@@ -62,7 +62,7 @@ ReservedPort::~ReservedPort()
 
 QString ServerProcess::find(const QString &name)
 {
-    const QString program = QStandardPaths::findExecutable(name);
+    QString program = QStandardPaths::findExecutable(name);
     if (!program.isEmpty())
         return program;
     return QStandardPaths::findExecutable(name, {u"/usr/local/sbin"_s, u"/usr/sbin"_s, u"/sbin"_s});
