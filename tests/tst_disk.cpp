@@ -708,7 +708,7 @@ void tst_Disk::exhaustedDescriptorsAreReported()
     const rlimit lower{256, before.rlim_max};
     QCOMPARE(::setrlimit(RLIMIT_NOFILE, &lower), 0);
     std::vector<int> taken;
-    for (int descriptor; (descriptor = ::dup(STDERR_FILENO)) >= 0;)
+    for (int descriptor = -1; (descriptor = ::dup(STDERR_FILENO)) >= 0;)
         taken.push_back(descriptor);
     const int error = errno;
     host.server.reply(0, LoopbackServer::response(200, "body"));

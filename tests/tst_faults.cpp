@@ -79,7 +79,7 @@ class tst_Faults : public QObject
 
 private Q_SLOTS:
     void init();
-    void cleanupTestCase();
+    void cleanupTestCase() const;
     void everyCallEndsInOneSignal_data();
     void everyCallEndsInOneSignal();
     void hugeAnswerGivesOneSignal_data();
@@ -437,8 +437,8 @@ void addRedirects()
                 + "Content-Length: 4\r\n\r\nGone";
         };
         for (const auto &[name, good, location] : places) {
-            const auto outcome = [&, good = good](const Expectation &arrived) {
-                return !followed ? ignored : good ? arrived : failure(status);
+            const auto outcome = [&, arrives = good](const Expectation &arrived) {
+                return !followed ? ignored : arrives ? arrived : failure(status);
             };
             add('-' + name, outcome(success(answer)), outcome(either(200, answer)),
                 [redirect, target = location](Scene &scene) {
@@ -712,7 +712,7 @@ void tst_Faults::init()
     QTest::failOnWarning(QRegularExpression(u".*"_s));
 }
 
-void tst_Faults::cleanupTestCase()
+void tst_Faults::cleanupTestCase() const
 {
     qInfo("%d calls, each compared with the one signal that it must end in", m_callCount);
 }

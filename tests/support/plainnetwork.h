@@ -20,9 +20,9 @@ struct Answer
 // All that a client can learn from a reply that has finished.
 struct Outcome
 {
-    QNetworkReply::NetworkError error;
+    QNetworkReply::NetworkError error = QNetworkReply::NoError;
     QString errorString;
-    int status; // 0: none
+    int status = 0; // none
     QByteArray body;
 };
 
