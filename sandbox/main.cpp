@@ -2,9 +2,9 @@
 //
 // arguments -> service (HTTP) -> store (SQLite), releases (folder)
 
-#include "releases.h"
-#include "service.h"
-#include "store.h"
+#include "endpoints/service.h"
+#include "state/releases.h"
+#include "state/store.h"
 
 #include <QtCore/qcommandlineparser.h>
 #include <QtCore/qcoreapplication.h>

@@ -1,4 +1,4 @@
-#include "releases.h"
+#include "state/releases.h"
 
 #include <QtCore/qcryptographichash.h>
 #include <QtCore/qdir.h>

@@ -1,7 +1,7 @@
 #ifndef SERVICE_H
 #define SERVICE_H
 
-#include "httpserver.h"
+#include "http/httpserver.h"
 
 #include <QtCore/qjsonobject.h>
 #include <QtCore/qstring.h>

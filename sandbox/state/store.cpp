@@ -1,4 +1,4 @@
-#include "store.h"
+#include "state/store.h"
 
 #include <QtCore/qjsondocument.h>
 #include <QtCore/qrandom.h>

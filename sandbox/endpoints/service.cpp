@@ -1,8 +1,8 @@
-#include "service.h"
+#include "endpoints/service.h"
 
-#include "approvalpage.h"
-#include "releases.h"
-#include "store.h"
+#include "pages/approvalpage.h"
+#include "state/releases.h"
+#include "state/store.h"
 
 #include <QtCore/qfileinfo.h>
 #include <QtCore/qjsonarray.h>

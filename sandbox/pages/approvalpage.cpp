@@ -1,5 +1,5 @@
-#include "approvalpage.h"
-#include "store.h"
+#include "pages/approvalpage.h"
+#include "state/store.h"
 
 using namespace Qt::StringLiterals;
 
