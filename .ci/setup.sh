@@ -3,7 +3,7 @@
 # command:package; without a command, a part of Qt that the configure step looks for.
 tools=(c++:g++ cmake:cmake ninja:ninja-build curl:curl sqlite3:sqlite3
     nginx:nginx-light tinyproxy:tinyproxy-bin microsocks:microsocks openssl:openssl
-    :qt6-base-dev :qt6-httpserver-dev :qt6-websockets-dev :libqt6sql6-sqlite)
+    :qt6-base-dev :libqt6sql6-sqlite)
 
 # Everything that runs here talks to this machine alone; no proxy may stand between.
 export no_proxy=127.0.0.1,::1,localhost NO_PROXY=127.0.0.1,::1,localhost
@@ -38,7 +38,7 @@ install_missing() {
         done
         [ ${#missing[@]} -eq 0 ] && return
         echo "Missing: ${missing[*]}. Install them (CMake 3.25 or later), and Qt 6.4 or later (Core," \
-            "Network, Sql with SQLite, Test, HttpServer), then run this again." >&2
+            "Network, Sql with SQLite, Test), then run this again." >&2
         exit 1
     fi
 

@@ -1,8 +1,9 @@
 // corvane-sandbox: the service on one's own machine.
 //
-// arguments -> service (HTTP) -> store (SQLite), releases (folder)
+// arguments -> front (HTTP) -> service -> store (SQLite), releases (folder)
 
 #include "endpoints/service.h"
+#include "front.h"
 #include "state/releases.h"
 #include "state/store.h"
 
@@ -10,6 +11,7 @@
 #include <QtCore/qcoreapplication.h>
 #include <QtCore/qfileinfo.h>
 #include <QtCore/qsocketnotifier.h>
+#include <QtCore/qurl.h>
 #include <QtNetwork/qhostaddress.h>
 #include <QtNetwork/qtcpserver.h>
 
@@ -77,29 +79,54 @@ bool print(const QString &line)
 const QString cannotPrint =
     u"cannot print the address (%1): give it an output that can be written."_s;
 
-int serve(QCoreApplication &application, quint16 port, const QString &database,
-          const QString &folder)
+struct Settings
+{
+    QHostAddress address;
+    quint16 port = 0;
+    QString database;
+    QString folder;
+};
+
+QString urlOf(const QHostAddress &host, quint16 port)
+{
+    QUrl url;
+    url.setScheme(u"http"_s);
+    url.setHost(host.toString());
+    url.setPort(port);
+    return url.toString();
+}
+
+// An address that stands for all of the machine's is none that a client could connect to.
+bool isWildcard(const QHostAddress &host)
+{
+    return host == QHostAddress::AnyIPv4 || host == QHostAddress::AnyIPv6;
+}
+
+int serve(QCoreApplication &application, const Settings &settings)
 {
     auto server = std::make_unique<QTcpServer>();
-    if (!server->listen(QHostAddress::LocalHost, port)) {
-        return fail(StartFailed,
-                    u"cannot listen on port %1 (%2): choose another with --port, or leave it out "
-                    "for any free one."_s.arg(QString::number(port), server->errorString()));
+    if (!server->listen(settings.address, settings.port)) {
+        return fail(
+            StartFailed,
+            u"cannot listen on port %1 (%2): choose another with --port, or leave it out "
+            "for any free one."_s.arg(QString::number(settings.port), server->errorString()));
     }
+    const QString address = urlOf(settings.address, server->serverPort());
 
     try {
-        Store store(database);
-        Releases releases(folder);
-        Service service(store, releases, server.release());
+        Store store(settings.database);
+        Releases releases(settings.folder);
+        Service service(store, releases, isWildcard(settings.address) ? QString() : address);
+        const Front front(server.release(), service);
         quitOnSignals(&application);
-        if (!print(service.address()))
+        if (!print(address))
             return fail(StartFailed, cannotPrint.arg(qt_error_string()));
         return QCoreApplication::exec();
     } catch (const StoreError &error) {
         return fail(StartFailed,
                     u"cannot use the database \"%1\" (%2): name a file that you may write and that "
                     "corvane-sandbox made, or a new one, with --database."_s.arg(
-                        database, QString::fromUtf8(error.what())));
+                        settings.database, QString::fromUtf8(error.what())));
     }
 }
 
@@ -134,11 +161,14 @@ int main(int argc, char *argv[])
     parser.setApplicationDescription(description);
     const QCommandLineOption portOption(u"port"_s, u"Listen on port N; 0 is any free one."_s,
                                         u"N"_s, u"0"_s);
+    const QCommandLineOption listenOption(
+        u"listen"_s, u"Listen on the IP address ADDRESS; 0.0.0.0 is open to the network."_s,
+        u"ADDRESS"_s, u"127.0.0.1"_s);
     const QCommandLineOption databaseOption(
         u"database"_s, u"Keep the state in FILE (SQLite) instead of in memory."_s, u"FILE"_s);
     const QCommandLineOption releasesOption(u"releases"_s, u"Offer the releases in DIR."_s,
                                             u"DIR"_s);
-    parser.addOptions({portOption, databaseOption, releasesOption});
+    parser.addOptions({portOption, listenOption, databaseOption, releasesOption});
     const QCommandLineOption helpOption = parser.addHelpOption();
     const QCommandLineOption versionOption = parser.addVersionOption();
 
@@ -160,18 +190,24 @@ int main(int argc, char *argv[])
                     u"\"%1\" is not a port: give a number from 0 to 65535."_s.arg(
                         parser.value(portOption)));
     }
+    const QHostAddress address(parser.value(listenOption));
+    if (address.isNull()) {
+        return fail(WrongUsage,
+                    u"\"%1\" is not an IP address: give one of this machine's, such as 127.0.0.1, "
+                    "::1 or 0.0.0.0."_s.arg(parser.value(listenOption)));
+    }
 
-    const QString database = parser.value(databaseOption);
-    if (parser.isSet(databaseOption) && database.isEmpty()) {
+    const Settings settings{address, *port, parser.value(databaseOption),
+                            parser.value(releasesOption)};
+    if (parser.isSet(databaseOption) && settings.database.isEmpty()) {
         return fail(WrongUsage,
                     u"the database has no name: name a file, or leave --database out to keep the "
                     "state in memory."_s);
     }
-    const QString folder = parser.value(releasesOption);
-    if (parser.isSet(releasesOption) && !QFileInfo(folder).isDir()) {
+    if (parser.isSet(releasesOption) && !QFileInfo(settings.folder).isDir()) {
         return fail(StartFailed,
                     u"the releases folder \"%1\" does not exist: create it, or name another with "
-                    "--releases."_s.arg(folder));
+                    "--releases."_s.arg(settings.folder));
     }
-    return serve(application, *port, database, folder);
+    return serve(application, settings);
 }

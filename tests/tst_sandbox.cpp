@@ -236,6 +236,8 @@ private Q_SLOTS:
     void firstLineIsTheAddressAndNothingElseIsPrinted();
     void listensOnLoopbackOnly();
     void listensOnTheGivenPort();
+    void listensOnTheGivenAddress_data();
+    void listensOnTheGivenAddress();
     void helpFitsAScreen();
     void versionIsTheProjects();
     void refusesToStart_data();
@@ -393,6 +395,37 @@ void tst_Sandbox::listensOnTheGivenPort()
     QCOMPARE(get(u"/"_s).status, 404);
 }
 
+void tst_Sandbox::listensOnTheGivenAddress_data()
+{
+    QTest::addColumn<QString>("address");
+    QTest::addColumn<QString>("printed");
+    QTest::addColumn<QString>("asked");
+    QTest::newRow("another-loopback") << u"127.0.0.2"_s << u"127.0.0.2"_s << u"127.0.0.2"_s;
+    QTest::newRow("ipv6") << u"::1"_s << u"[::1]"_s << u"[::1]"_s;
+    // Of an address that stands for all, the service's own URLs have the one that was used.
+    QTest::newRow("all") << u"0.0.0.0"_s << u"0.0.0.0"_s << u"127.0.0.3"_s;
+    QTest::newRow("all-ipv6") << u"::"_s << u"[::]"_s << u"[::1]"_s;
+}
+
+void tst_Sandbox::listensOnTheGivenAddress()
+{
+    QFETCH(const QString, address);
+    QFETCH(const QString, printed);
+    QFETCH(const QString, asked);
+    if (address.contains(u':') && !QTcpServer().listen(QHostAddress::LocalHostIPv6))
+        QSKIP("This machine has no IPv6.");
+
+    restart({u"--listen"_s, address});
+    const QString port = u':' + QString::number(m_sandbox->port());
+    QCOMPARE(m_sandbox->address(), "http://"_L1 + printed + port);
+    const QString used = "http://"_L1 + asked + port;
+    const Answer answer = post(used + "/api/v1/purchase/start"_L1, startRequest());
+    QCOMPARE(answer.status, 200);
+    const QString approval = answer.json().value("approval_url"_L1).toString();
+    QVERIFY2(approval.startsWith(used + "/paypal/approve/"_L1), qPrintable(approval));
+    QCOMPARE(get(approval).status, 200);
+}
+
 void tst_Sandbox::helpFitsAScreen()
 {
     QProcess process;
@@ -401,7 +434,8 @@ void tst_Sandbox::helpFitsAScreen()
     QCOMPARE(process.exitCode(), 0);
 
     const QByteArray help = process.readAllStandardOutput();
-    for (const char *option : {"--port <N>", "--database <FILE>", "--releases <DIR>", "--version"})
+    for (const char *option :
+         {"--port <N>", "--listen <ADDRESS>", "--database <FILE>", "--releases <DIR>", "--version"})
         QVERIFY2(help.contains(option), option);
     QVERIFY(help.contains("A folder named after a product holds that product's releases"));
     QVERIFY(help.contains("moving a new file into place, never by writing over it"));
@@ -435,6 +469,14 @@ void tst_Sandbox::refusesToStart_data()
     QTest::newRow("port-negative") << QStringList{u"--port=-1"_s} << 2 << noPort(u"-1"_s);
     QTest::newRow("port-too-high")
         << QStringList{u"--port"_s, u"65536"_s} << 2 << noPort(u"65536"_s);
+    const auto noAddress = [](const QString &address) {
+        return u"\"%1\" is not an IP address: give one of this machine's, such as 127.0.0.1, ::1 "
+               u"or "
+               "0.0.0.0.\n"_s.arg(address);
+    };
+    QTest::newRow("listen-on-a-name")
+        << QStringList{u"--listen"_s, u"localhost"_s} << 2 << noAddress(u"localhost"_s);
+    QTest::newRow("listen-empty") << QStringList{u"--listen="_s} << 2 << noAddress(u""_s);
     QTest::newRow("unknown-option") << QStringList{u"--prot"_s, u"80"_s} << 2
                                     << u"Unknown option 'prot'. See corvane-sandbox --help.\n"_s;
     QTest::newRow("stray-argument")
@@ -1074,11 +1116,6 @@ void tst_Sandbox::abandonedDownloadIsLetGo()
     socket.abort();
     QVERIFY(QTest::qWaitFor([&] { return !m_sandbox->holdsOpen(file); }, timeout));
     QCOMPARE(get(u"/"_s).status, 404);
-
-    // Some versions of Qt's server report the lost connection, others do not.
-    QCOMPARE(m_sandbox->end(SIGTERM), u"0"_s);
-    m_sandbox->standardError();
-    restart({});
 }
 
 void tst_Sandbox::startAnswersTheNewPurchase()

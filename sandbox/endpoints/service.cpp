@@ -4,45 +4,45 @@
 #include "state/releases.h"
 #include "state/store.h"
 
+#include <QtCore/qfile.h>
 #include <QtCore/qfileinfo.h>
 #include <QtCore/qjsonarray.h>
 #include <QtCore/qjsondocument.h>
 #include <QtCore/qregularexpression.h>
+#include <QtCore/qstringtokenizer.h>
+#include <QtCore/qurl.h>
 #include <QtCore/qurlquery.h>
-#include <QtNetwork/qtcpserver.h>
+
+#include <algorithm>
 
 using namespace Qt::StringLiterals;
-
-using Method = QHttpServerRequest::Method;
 
 namespace {
 
 const QString internalError = u"Errore interno del servizio."_s;
 
-QStringList pathParts(const QUrl &url)
+QStringList pathParts(const HttpRequest &request)
 {
     // Split first, decode then: an encoded slash separates nothing.
-    QStringList parts = url.path(QUrl::FullyEncoded).split(u'/');
-    for (QString &part : parts)
-        part = QUrl::fromPercentEncoding(part.toLatin1());
+    QStringList parts;
+    for (const QByteArray &part : request.path().split('/'))
+        parts += QUrl::fromPercentEncoding(part);
     return parts;
 }
 
 // What stands for the pattern's stars; nothing when the path is another one.
 std::optional<QStringList> match(const QStringList &path, QLatin1StringView pattern)
 {
-    const QStringList wanted = QString(pattern).split(u'/');
-    if (path.size() != wanted.size())
-        return std::nullopt;
-
     QStringList stars;
-    for (qsizetype i = 0; i < path.size(); ++i) {
-        if (wanted.at(i) == "*"_L1)
-            stars.append(path.at(i));
-        else if (wanted.at(i) != path.at(i))
+    qsizetype index = 0;
+    for (const QLatin1StringView wanted : pattern.tokenize('/'_L1)) {
+        if (index == path.size() || (wanted != "*"_L1 && wanted != path.at(index)))
             return std::nullopt;
+        if (wanted == "*"_L1)
+            stars.append(path.at(index));
+        ++index;
     }
-    return stars;
+    return index == path.size() ? std::make_optional(stars) : std::nullopt;
 }
 
 QString joinedPath(const QStringList &parts)
@@ -74,6 +74,16 @@ QJsonObject planObject(const Plan &plan)
             {u"currency"_s, plan.currency}};
 }
 
+// What the user is told of a request that could not be read.
+QString unreadable(int status)
+{
+    if (status == 413)
+        return u"La richiesta è troppo grande."_s;
+    if (status == 431)
+        return u"L'intestazione della richiesta è troppo grande."_s;
+    return u"La richiesta non è HTTP valido."_s;
+}
+
 QJsonObject refusalObject(const QString &message)
 {
     return {{u"success"_s, false}, {u"error"_s, QJsonObject{{u"message"_s, message}}}};
@@ -82,78 +92,72 @@ QJsonObject refusalObject(const QString &message)
 } // namespace
 
 const Service::Route Service::routes[] = {
-    {Method::Get, "/api/v1/releases/latest/*"_L1, &Service::latestRelease},
-    {Method::Get, "/releases/*/*/latest"_L1, &Service::latestReleaseFile},
-    {Method::Get, "/releases/*/*/*/*"_L1, &Service::releaseFile},
-    {Method::Get, "/api/v1/purchase/plans"_L1, &Service::plans},
-    {Method::Post, "/api/v1/purchase/start"_L1, &Service::startPurchase},
-    {Method::Post, "/api/v1/purchase/resume"_L1, &Service::resumePurchase},
-    {Method::Post, "/api/v1/purchase/capture"_L1, &Service::capturePurchase},
-    {Method::Get, "/paypal/approve/*"_L1, &Service::showApproval},
-    {Method::Post, "/paypal/approve/*"_L1, &Service::approve},
-    {Method::Post, "/api/v1/client/usage"_L1, &Service::addUsageEvent},
+    {Operation::UpdateCheck, "GET", "/api/v1/releases/latest/*"_L1, &Service::latestRelease},
+    {Operation::Download, "GET", "/releases/*/*/latest"_L1, &Service::latestReleaseFile},
+    {Operation::Download, "GET", "/releases/*/*/*/*"_L1, &Service::releaseFile},
+    {Operation::Plans, "GET", "/api/v1/purchase/plans"_L1, &Service::plans},
+    {Operation::Start, "POST", "/api/v1/purchase/start"_L1, &Service::startPurchase},
+    {Operation::Resume, "POST", "/api/v1/purchase/resume"_L1, &Service::resumePurchase},
+    {Operation::Capture, "POST", "/api/v1/purchase/capture"_L1, &Service::capturePurchase},
+    {Operation::Approval, "GET", "/paypal/approve/*"_L1, &Service::showApproval},
+    {Operation::Approval, "POST", "/paypal/approve/*"_L1, &Service::approve},
+    {Operation::Usage, "POST", "/api/v1/client/usage"_L1, &Service::addUsageEvent},
 };
 
-Service::Service(Store &store, Releases &releases, QTcpServer *server)
+Service::Service(Store &store, Releases &releases, const QString &address)
     : m_store(store)
     , m_releases(releases)
-    , m_port(server->serverPort())
+    , m_address(address)
 {
-    bind(server);
 }
 
-Service::~Service() = default;
-
-QString Service::address() const
+Operation Service::operationOf(const HttpRequest &request)
 {
-    return "http://127.0.0.1:"_L1 + QString::number(m_port);
+    const QStringList path = pathParts(request);
+    const auto route =
+        std::find_if(std::begin(routes), std::end(routes), [&](const Route &candidate) {
+            return candidate.method == request.method && match(path, candidate.path);
+        });
+    return route == std::end(routes) ? Operation::Other : route->operation;
 }
 
-void Service::answer(const QHttpServerRequest &request, QHttpServerResponder &responder)
-{
-    Reply reply = replyTo(request);
-    // An answer to HEAD has no body: one that came anyway would be read as the next answer.
-    if (request.method() == Method::Head)
-        reply.body.clear();
-
-    if (!reply.file.isEmpty())
-        writeFile(responder, reply.file, reply.mimeType);
-    else if (!reply.allowed.isEmpty())
-        writeNotAllowed(responder, reply.body, reply.mimeType, reply.allowed);
-    else
-        responder.write(reply.body, reply.mimeType, reply.status);
-}
-
-Service::Reply Service::replyTo(const QHttpServerRequest &request)
+HttpReply Service::answer(const HttpRequest &request)
 {
     try {
         return route(request);
-    } catch (const Refusal &refusal) {
-        return refusalReply(refusal);
+    } catch (const Refusal &refused) {
+        return refusal(refused.status, refused.message);
     } catch (const StoreError &error) {
-        qWarning("%s: %s", qUtf8Printable(request.url().path()), error.what());
-        return refusalReply({StatusCode::InternalServerError, internalError});
+        qWarning("%s: %s", request.path().constData(), error.what());
+        return refusal(500, internalError);
     }
 }
 
-Service::Reply Service::route(const QHttpServerRequest &request)
+HttpReply Service::refusal(int status, const QString &message)
 {
-    const QStringList path = pathParts(request.url());
+    return jsonReply(refusalObject(message), status);
+}
+
+HttpReply Service::route(const HttpRequest &request)
+{
+    if (request.refusal != 0)
+        throw Refusal{request.refusal, unreadable(request.refusal)};
+
+    const QStringList path = pathParts(request);
     QByteArrayList allowed;
     for (const Route &candidate : routes) {
         const std::optional<QStringList> parts = match(path, candidate.path);
         if (!parts)
             continue;
-        if (candidate.method == request.method())
+        if (candidate.method == request.method)
             return (this->*candidate.handler)(request, *parts);
-        allowed.append(candidate.method == Method::Get ? "GET" : "POST");
+        allowed.append(candidate.method);
     }
     if (allowed.isEmpty())
-        throw Refusal{StatusCode::NotFound, u"Indirizzo sconosciuto."_s};
+        throw Refusal{404, u"Indirizzo sconosciuto."_s};
 
-    Reply reply =
-        refusalReply({StatusCode::MethodNotAllowed, u"Metodo non ammesso per questo indirizzo."_s});
-    reply.allowed = allowed.join(", ");
+    HttpReply reply = refusal(405, u"Metodo non ammesso per questo indirizzo."_s);
+    reply.headers.emplaceBack("Allow", allowed.join(", "));
     return reply;
 }
 
@@ -166,7 +170,7 @@ Service::Reply Service::route(const QHttpServerRequest &request)
 //         "stable_download_url": text, "sha256": text, "notes": text, "channel": text
 //     }
 // }
-Service::Reply Service::latestRelease(const QHttpServerRequest &request, const QStringList &parts)
+HttpReply Service::latestRelease(const HttpRequest &request, const QStringList &parts)
 {
     const QString &product = parts.at(0);
     requireProduct(product);
@@ -178,9 +182,9 @@ Service::Reply Service::latestRelease(const QHttpServerRequest &request, const Q
 
     const QByteArray sha256 = m_releases.sha256(*release);
     if (sha256.isEmpty())
-        throw Refusal{StatusCode::InternalServerError, internalError};
+        throw Refusal{500, internalError};
 
-    const QString folder = address() + joinedPath({u"releases"_s, product, channel});
+    const QString folder = addressFor(request) + joinedPath({u"releases"_s, product, channel});
     const QString file = joinedPath({release->version, QFileInfo(release->path).fileName()});
     return jsonReply({{u"success"_s, true},
                       {u"release"_s,
@@ -194,22 +198,22 @@ Service::Reply Service::latestRelease(const QHttpServerRequest &request, const Q
 }
 
 // GET /releases/<product code>/<channel>/<version>/<file>
-Service::Reply Service::releaseFile(const QHttpServerRequest &, const QStringList &parts)
+HttpReply Service::releaseFile(const HttpRequest &, const QStringList &parts)
 {
     requireProduct(parts.at(0));
     const std::optional<Release> release = m_releases.find(parts.at(0), parts.at(1), parts.at(2));
     if (!release || QFileInfo(release->path).fileName() != parts.at(3))
-        throw Refusal{StatusCode::NotFound, u"File sconosciuto."_s};
+        throw Refusal{404, u"File sconosciuto."_s};
     return fileReply(release->path);
 }
 
 // GET /releases/<product code>/<channel>/latest
-Service::Reply Service::latestReleaseFile(const QHttpServerRequest &, const QStringList &parts)
+HttpReply Service::latestReleaseFile(const HttpRequest &, const QStringList &parts)
 {
     requireProduct(parts.at(0));
     const std::optional<Release> release = m_releases.latest(parts.at(0), parts.at(1));
     if (!release)
-        throw Refusal{StatusCode::NotFound, u"File sconosciuto."_s};
+        throw Refusal{404, u"File sconosciuto."_s};
     return fileReply(release->path);
 }
 
@@ -218,7 +222,7 @@ Service::Reply Service::latestReleaseFile(const QHttpServerRequest &, const QStr
 // Reply: {"plans": [{
 //     "plan_code": text, "name": text, "description": text, "price": text, "currency": text
 // }, ...]}
-Service::Reply Service::plans(const QHttpServerRequest &request, const QStringList &)
+HttpReply Service::plans(const HttpRequest &request, const QStringList &)
 {
     const QString product = request.query().queryItemValue(u"product_code"_s, QUrl::FullyDecoded);
     requireProduct(product);
@@ -233,7 +237,7 @@ Service::Reply Service::plans(const QHttpServerRequest &request, const QStringLi
 // {"product_code": text, "plan_code": text, "first_name": text, "last_name": text, "email": text}
 //
 // Reply: see startAnswer().
-Service::Reply Service::startPurchase(const QHttpServerRequest &request, const QStringList &)
+HttpReply Service::startPurchase(const HttpRequest &request, const QStringList &)
 {
     const QJsonObject object = objectFrom(request);
     const QString product = textFrom(object, "product_code"_L1);
@@ -244,20 +248,20 @@ Service::Reply Service::startPurchase(const QHttpServerRequest &request, const Q
     requireProduct(product);
     const std::optional<Plan> plan = m_store.plan(product, planCode);
     if (!plan)
-        throw Refusal{StatusCode::NotFound, u"Piano sconosciuto."_s};
+        throw Refusal{404, u"Piano sconosciuto."_s};
     if (isBlank(buyer.firstName) || isBlank(buyer.lastName))
-        throw Refusal{StatusCode::UnprocessableEntity, u"Nome e cognome sono obbligatori."_s};
+        throw Refusal{422, u"Nome e cognome sono obbligatori."_s};
     if (!isEmailAddress(buyer.email))
-        throw Refusal{StatusCode::UnprocessableEntity, u"Indirizzo e-mail non valido."_s};
+        throw Refusal{422, u"Indirizzo e-mail non valido."_s};
 
-    return jsonReply(startAnswer(m_store.startPurchase(product, *plan, buyer)));
+    return jsonReply(startAnswer(request, m_store.startPurchase(product, *plan, buyer)));
 }
 
 // POST /api/v1/purchase/resume
 // {"product_code": text, "license_key": text}
 //
 // Reply: see startAnswer(). The order is the one that the start made.
-Service::Reply Service::resumePurchase(const QHttpServerRequest &request, const QStringList &)
+HttpReply Service::resumePurchase(const HttpRequest &request, const QStringList &)
 {
     const QJsonObject object = objectFrom(request);
     const QString product = textFrom(object, "product_code"_L1);
@@ -266,28 +270,28 @@ Service::Reply Service::resumePurchase(const QHttpServerRequest &request, const 
     requireProduct(product);
     const std::optional<Purchase> purchase = m_store.purchaseByLicense(product, licenseKey);
     if (!purchase)
-        throw Refusal{StatusCode::NotFound, u"Chiave di licenza sconosciuta."_s};
+        throw Refusal{404, u"Chiave di licenza sconosciuta."_s};
     if (purchase->state == Purchase::Paid)
-        throw Refusal{StatusCode::Conflict, u"Questo acquisto è già stato pagato."_s};
+        throw Refusal{409, u"Questo acquisto è già stato pagato."_s};
 
-    return jsonReply(startAnswer(*purchase));
+    return jsonReply(startAnswer(request, *purchase));
 }
 
 // POST /api/v1/purchase/capture
 // {"paypal_order_id": text}
 //
 // Reply: {"paid": true, "success": true, "license_id": number, "license_key": text}
-Service::Reply Service::capturePurchase(const QHttpServerRequest &request, const QStringList &)
+HttpReply Service::capturePurchase(const HttpRequest &request, const QStringList &)
 {
     const QString orderId = textFrom(objectFrom(request), "paypal_order_id"_L1);
 
     const std::optional<Purchase> purchase = m_store.purchaseByOrder(orderId);
     if (!purchase)
-        throw Refusal{StatusCode::NotFound, u"Ordine sconosciuto."_s};
+        throw Refusal{404, u"Ordine sconosciuto."_s};
     if (purchase->state == Purchase::Pending) {
         QJsonObject refusal = refusalObject(u"Il pagamento non è ancora stato approvato."_s);
         refusal.insert("paid"_L1, false);
-        return jsonReply(refusal, StatusCode::Conflict);
+        return jsonReply(refusal, 409);
     }
 
     m_store.pay(*purchase);
@@ -298,22 +302,22 @@ Service::Reply Service::capturePurchase(const QHttpServerRequest &request, const
 }
 
 // GET /paypal/approve/<order id>
-Service::Reply Service::showApproval(const QHttpServerRequest &, const QStringList &parts)
+HttpReply Service::showApproval(const HttpRequest &, const QStringList &parts)
 {
     const std::optional<Purchase> purchase = m_store.purchaseByOrder(parts.at(0));
     if (!purchase)
-        return pageReply(unknownOrderPage(), StatusCode::NotFound);
+        return pageReply(unknownOrderPage(), 404);
     if (purchase->state != Purchase::Pending)
         return pageReply(approvedPage(*purchase));
     return pageReply(approvalPage(*purchase));
 }
 
 // POST /paypal/approve/<order id>
-Service::Reply Service::approve(const QHttpServerRequest &, const QStringList &parts)
+HttpReply Service::approve(const HttpRequest &, const QStringList &parts)
 {
     const std::optional<Purchase> purchase = m_store.purchaseByOrder(parts.at(0));
     if (!purchase)
-        return pageReply(unknownOrderPage(), StatusCode::NotFound);
+        return pageReply(unknownOrderPage(), 404);
 
     m_store.approve(*purchase);
     return pageReply(approvedPage(*purchase));
@@ -325,7 +329,7 @@ Service::Reply Service::approve(const QHttpServerRequest &, const QStringList &p
 // The dots are the payload's own members.
 //
 // Reply: {"success": true}
-Service::Reply Service::addUsageEvent(const QHttpServerRequest &request, const QStringList &)
+HttpReply Service::addUsageEvent(const HttpRequest &request, const QStringList &)
 {
     QJsonObject object = objectFrom(request);
     UsageEvent event{textFrom(object, "product_code"_L1),
@@ -341,41 +345,41 @@ Service::Reply Service::addUsageEvent(const QHttpServerRequest &request, const Q
     requireProduct(event.productCode);
     if (!event.licenseKey.isEmpty()
         && !m_store.purchaseByLicense(event.productCode, event.licenseKey))
-        throw Refusal{StatusCode::NotFound, u"Chiave di licenza sconosciuta."_s};
+        throw Refusal{404, u"Chiave di licenza sconosciuta."_s};
     if (isBlank(event.eventType))
-        throw Refusal{StatusCode::UnprocessableEntity, u"Il tipo di evento è obbligatorio."_s};
+        throw Refusal{422, u"Il tipo di evento è obbligatorio."_s};
 
     m_store.addUsageEvent(event);
     return jsonReply({{u"success"_s, true}});
 }
 
-Service::Reply Service::jsonReply(const QJsonObject &object, StatusCode status)
+HttpReply Service::jsonReply(const QJsonObject &object, int status)
 {
-    return {QJsonDocument(object).toJson(QJsonDocument::Compact), "application/json", status};
+    return {status,
+            {{"Content-Type", "application/json"}},
+            QJsonDocument(object).toJson(QJsonDocument::Compact)};
 }
 
-Service::Reply Service::refusalReply(const Refusal &refusal)
+HttpReply Service::pageReply(const QByteArray &page, int status)
 {
-    return jsonReply(refusalObject(refusal.message), refusal.status);
+    return {status, {{"Content-Type", "text/html; charset=utf-8"}}, page};
 }
 
-Service::Reply Service::pageReply(const QByteArray &page, StatusCode status)
+HttpReply Service::fileReply(const QString &path)
 {
-    return {page, "text/html; charset=utf-8", status};
+    auto file = std::make_shared<QFile>(path);
+    if (!file->open(QIODevice::ReadOnly)) {
+        qWarning("%s: %s", qUtf8Printable(path), qUtf8Printable(file->errorString()));
+        throw Refusal{500, internalError};
+    }
+    return {200, {{"Content-Type", "application/octet-stream"}}, {}, file};
 }
 
-Service::Reply Service::fileReply(const QString &path)
+QJsonObject Service::objectFrom(const HttpRequest &request)
 {
-    Reply reply{{}, "application/octet-stream"};
-    reply.file = path;
-    return reply;
-}
-
-QJsonObject Service::objectFrom(const QHttpServerRequest &request)
-{
-    const QJsonDocument document = QJsonDocument::fromJson(request.body());
+    const QJsonDocument document = QJsonDocument::fromJson(request.body);
     if (!document.isObject())
-        throw Refusal{StatusCode::BadRequest, u"La richiesta non è un oggetto JSON."_s};
+        throw Refusal{400, u"La richiesta non è un oggetto JSON."_s};
     return document.object();
 }
 
@@ -383,8 +387,7 @@ QString Service::textFrom(const QJsonObject &object, QLatin1StringView member)
 {
     const QJsonValue value = object.value(member);
     if (!value.isString()) {
-        throw Refusal{StatusCode::BadRequest,
-                      u"Il campo «%1» manca o non è un testo."_s.arg(member)};
+        throw Refusal{400, u"Il campo «%1» manca o non è un testo."_s.arg(member)};
     }
     return value.toString();
 }
@@ -392,20 +395,26 @@ QString Service::textFrom(const QJsonObject &object, QLatin1StringView member)
 void Service::requireProduct(const QString &productCode) const
 {
     if (!m_store.hasProduct(productCode))
-        throw Refusal{StatusCode::NotFound, u"Prodotto sconosciuto."_s};
+        throw Refusal{404, u"Prodotto sconosciuto."_s};
 }
 
 // {
 //     "success": true, "payment_id": number, "license_id": number, "license_key": text,
 //     "paypal_order_id": text, "approval_url": text
 // }
-QJsonObject Service::startAnswer(const Purchase &purchase) const
+QJsonObject Service::startAnswer(const HttpRequest &request, const Purchase &purchase) const
 {
-    return {
-        {u"success"_s, true},
-        {u"payment_id"_s, purchase.paymentId},
-        {u"license_id"_s, purchase.licenseId},
-        {u"license_key"_s, purchase.licenseKey},
-        {u"paypal_order_id"_s, purchase.orderId},
-        {u"approval_url"_s, address() + joinedPath({u"paypal"_s, u"approve"_s, purchase.orderId})}};
+    return {{u"success"_s, true},
+            {u"payment_id"_s, purchase.paymentId},
+            {u"license_id"_s, purchase.licenseId},
+            {u"license_key"_s, purchase.licenseKey},
+            {u"paypal_order_id"_s, purchase.orderId},
+            {u"approval_url"_s,
+             addressFor(request) + joinedPath({u"paypal"_s, u"approve"_s, purchase.orderId})}};
+}
+
+QString Service::addressFor(const HttpRequest &request) const
+{
+    return m_address.isEmpty() ? "http://"_L1 + QString::fromLatin1(request.header("Host"))
+                               : m_address;
 }

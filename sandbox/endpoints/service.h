@@ -1,15 +1,12 @@
 #ifndef SERVICE_H
 #define SERVICE_H
 
-#include "http/httpserver.h"
+#include "endpoints/operation.h"
+#include "http/message.h"
 
 #include <QtCore/qjsonobject.h>
 #include <QtCore/qstring.h>
 #include <QtCore/qstringlist.h>
-
-QT_BEGIN_NAMESPACE
-class QTcpServer;
-QT_END_NAMESPACE
 
 class Releases;
 class Store;
@@ -17,76 +14,63 @@ struct Plan;
 struct Purchase;
 
 // The service's HTTP endpoints, on top of the store and the releases folder, which it borrows.
-class Service : public HttpServer
+class Service
 {
 public:
-    // The server is listening already; the service owns it from here on.
-    Service(Store &store, Releases &releases, QTcpServer *server);
-    ~Service() override;
+    // The address, http://HOST:PORT, is what the service calls itself in its replies; without one,
+    // it is the one that the client has used.
+    Service(Store &store, Releases &releases, const QString &address);
 
-    // http://127.0.0.1:PORT
-    QString address() const;
+    static Operation operationOf(const HttpRequest &request);
+    HttpReply answer(const HttpRequest &request);
 
-protected:
-    void answer(const QHttpServerRequest &request, QHttpServerResponder &responder) override;
+    // The service's error object.
+    static HttpReply refusal(int status, const QString &message);
 
 private:
-    using StatusCode = QHttpServerResponder::StatusCode;
-
-    struct Reply
-    {
-        QByteArray body;
-        QByteArray mimeType = "application/json";
-        StatusCode status = StatusCode::Ok;
-        // The path of what is sent instead of the body.
-        QString file = {};
-        // The methods that a 405 names.
-        QByteArray allowed = {};
-    };
-
     // What a handler throws to refuse.
     struct Refusal
     {
-        StatusCode status;
+        int status;
         QString message;
     };
 
     // A handler gets the decoded parts of the path that stand for the route's stars.
     struct Route
     {
-        QHttpServerRequest::Method method = QHttpServerRequest::Method::Unknown;
+        Operation operation;
+        const char *method;
         QLatin1StringView path;
-        Reply (Service::*handler)(const QHttpServerRequest &request,
-                                  const QStringList &parts) = nullptr;
+        HttpReply (Service::*handler)(const HttpRequest &request,
+                                      const QStringList &parts) = nullptr;
     };
     static const Route routes[];
 
-    Reply replyTo(const QHttpServerRequest &request);
-    Reply route(const QHttpServerRequest &request);
+    HttpReply route(const HttpRequest &request);
 
-    Reply latestRelease(const QHttpServerRequest &request, const QStringList &parts);
-    Reply releaseFile(const QHttpServerRequest &request, const QStringList &parts);
-    Reply latestReleaseFile(const QHttpServerRequest &request, const QStringList &parts);
-    Reply plans(const QHttpServerRequest &request, const QStringList &parts);
-    Reply startPurchase(const QHttpServerRequest &request, const QStringList &parts);
-    Reply resumePurchase(const QHttpServerRequest &request, const QStringList &parts);
-    Reply capturePurchase(const QHttpServerRequest &request, const QStringList &parts);
-    Reply showApproval(const QHttpServerRequest &request, const QStringList &parts);
-    Reply approve(const QHttpServerRequest &request, const QStringList &parts);
-    Reply addUsageEvent(const QHttpServerRequest &request, const QStringList &parts);
+    HttpReply latestRelease(const HttpRequest &request, const QStringList &parts);
+    HttpReply releaseFile(const HttpRequest &request, const QStringList &parts);
+    HttpReply latestReleaseFile(const HttpRequest &request, const QStringList &parts);
+    HttpReply plans(const HttpRequest &request, const QStringList &parts);
+    HttpReply startPurchase(const HttpRequest &request, const QStringList &parts);
+    HttpReply resumePurchase(const HttpRequest &request, const QStringList &parts);
+    HttpReply capturePurchase(const HttpRequest &request, const QStringList &parts);
+    HttpReply showApproval(const HttpRequest &request, const QStringList &parts);
+    HttpReply approve(const HttpRequest &request, const QStringList &parts);
+    HttpReply addUsageEvent(const HttpRequest &request, const QStringList &parts);
 
-    static Reply jsonReply(const QJsonObject &object, StatusCode status = StatusCode::Ok);
-    static Reply refusalReply(const Refusal &refusal);
-    static Reply pageReply(const QByteArray &page, StatusCode status = StatusCode::Ok);
-    static Reply fileReply(const QString &path);
-    static QJsonObject objectFrom(const QHttpServerRequest &request);
+    static HttpReply jsonReply(const QJsonObject &object, int status = 200);
+    static HttpReply pageReply(const QByteArray &page, int status = 200);
+    static HttpReply fileReply(const QString &path);
+    static QJsonObject objectFrom(const HttpRequest &request);
     static QString textFrom(const QJsonObject &object, QLatin1StringView member);
     void requireProduct(const QString &productCode) const;
-    QJsonObject startAnswer(const Purchase &purchase) const;
+    QJsonObject startAnswer(const HttpRequest &request, const Purchase &purchase) const;
+    QString addressFor(const HttpRequest &request) const;
 
     Store &m_store;
     Releases &m_releases;
-    quint16 m_port;
+    QString m_address;
 };
 
 #endif // SERVICE_H
