@@ -1,15 +1,21 @@
 // corvane-sandbox: the service on one's own machine.
 //
-// arguments -> front (HTTP) -> service -> store (SQLite), releases (folder)
+// arguments -> front (HTTP, faults, journal) -> service -> store (SQLite), releases (folder)
+//                                            -> control, for what is below /sandbox/
 
+#include "control/control.h"
 #include "endpoints/service.h"
+#include "faults/faults.h"
+#include "faults/scenarios.h"
 #include "front.h"
+#include "journal/journal.h"
 #include "state/releases.h"
 #include "state/store.h"
 
 #include <QtCore/qcommandlineparser.h>
 #include <QtCore/qcoreapplication.h>
 #include <QtCore/qfileinfo.h>
+#include <QtCore/qjsondocument.h>
 #include <QtCore/qsocketnotifier.h>
 #include <QtCore/qurl.h>
 #include <QtNetwork/qhostaddress.h>
@@ -85,6 +91,8 @@ struct Settings
     quint16 port = 0;
     QString database;
     QString folder;
+    QList<FaultRule> faults;
+    bool isMasked = false;
 };
 
 QString urlOf(const QHostAddress &host, quint16 port)
@@ -116,8 +124,12 @@ int serve(QCoreApplication &application, const Settings &settings)
     try {
         Store store(settings.database);
         Releases releases(settings.folder);
-        Service service(store, releases, isWildcard(settings.address) ? QString() : address);
-        const Front front(server.release(), service);
+        Service service(store, releases, isWildcard(settings.address) ? QString() : address,
+                        settings.isMasked);
+        Faults faults(settings.faults);
+        Journal journal(settings.isMasked);
+        Control control(faults, journal, store, settings.isMasked);
+        const Front front(server.release(), service, faults, journal, control);
         quitOnSignals(&application);
         if (!print(address))
             return fail(StartFailed, cannotPrint.arg(qt_error_string()));
@@ -130,17 +142,51 @@ int serve(QCoreApplication &application, const Settings &settings)
     }
 }
 
-const QString description = uR"(The back-end service on your own machine, for trying out a host.
+// Those that are spelt out come first.
+QList<FaultRule> faultsFrom(const QStringList &texts, const QStringList &names)
+{
+    QJsonArray array;
+    for (const QString &text : texts) {
+        QJsonParseError error;
+        const QJsonDocument document = QJsonDocument::fromJson(text.toUtf8(), &error);
+        if (error.error != QJsonParseError::NoError) {
+            throw FaultError(u"faults[%1]: is not JSON: %2 at %3"_s
+                                 .arg(QString::number(array.size()), error.errorString(),
+                                      QString::number(error.offset))
+                                 .toStdString());
+        }
+        array.append(document.isObject() ? QJsonValue(document.object()) : document.array());
+    }
+    QList<FaultRule> rules = faultRulesFrom(array, u"faults"_s);
 
-Prints its address, http://127.0.0.1:PORT, as its first line, and serves until
-it gets SIGINT or SIGTERM. A new database holds DEMO, a product of three plans.
+    for (const QString &name : names) {
+        const std::optional<Scenario> scenario = scenarioNamed(name);
+        if (!scenario) {
+            throw FaultError(
+                u"\"%1\" is no scenario: see --list-scenarios"_s.arg(name).toStdString());
+        }
+        rules += scenario->rules;
+    }
+    return rules;
+}
 
-A folder named after a product holds that product's releases:
-  DIR/DEMO/stable/1.4.0/demo-1.4.0.zip   one file for each version
-  DIR/DEMO/stable/1.4.0/notes.txt        release notes in UTF-8, if any
-The highest version of a channel is its latest. Copy a folder in to publish it;
-replace a release by moving a new file into place, never by writing over it.
+int listScenarios()
+{
+    for (const Scenario &scenario : scenarios()) {
+        if (!print(u"%1 %2"_s.arg(scenario.name, -20).arg(scenario.sentence)))
+            return fail(StartFailed, u"cannot print (%1)."_s.arg(qt_error_string()));
+    }
+    return Done;
+}
 
+const QString description =
+    uR"(The back-end service on your own machine, for trying out a host. Prints its
+address, http://127.0.0.1:PORT, and serves until it gets SIGINT or SIGTERM.
+A new database holds DEMO, a product of three plans.
+
+A folder named after a product holds that product's releases, one file each,
+with notes.txt in UTF-8 if you like: DIR/DEMO/stable/1.4.0/demo-1.4.0.zip.
+Replace a release by moving a new file into place, never by writing over it.
 Exit status: 0 after a signal, 1 if it cannot start, 2 for wrong arguments.)"_s;
 
 } // namespace
@@ -162,13 +208,20 @@ int main(int argc, char *argv[])
     const QCommandLineOption portOption(u"port"_s, u"Listen on port N; 0 is any free one."_s,
                                         u"N"_s, u"0"_s);
     const QCommandLineOption listenOption(
-        u"listen"_s, u"Listen on the IP address ADDRESS; 0.0.0.0 is open to the network."_s,
-        u"ADDRESS"_s, u"127.0.0.1"_s);
+        u"listen"_s, u"Listen on this IP address; 0.0.0.0 is all."_s, u"ADDRESS"_s, u"127.0.0.1"_s);
     const QCommandLineOption databaseOption(
         u"database"_s, u"Keep the state in FILE (SQLite) instead of in memory."_s, u"FILE"_s);
     const QCommandLineOption releasesOption(u"releases"_s, u"Offer the releases in DIR."_s,
                                             u"DIR"_s);
-    parser.addOptions({portOption, listenOption, databaseOption, releasesOption});
+    const QCommandLineOption faultOption(u"fault"_s, u"Make this go wrong. Repeatable."_s,
+                                         u"JSON"_s);
+    const QCommandLineOption scenarioOption(u"scenario"_s,
+                                            u"Play a ready-made fault. Repeatable."_s, u"NAME"_s);
+    const QCommandLineOption listOption(u"list-scenarios"_s, u"Say what NAME can be, and leave."_s);
+    const QCommandLineOption maskOption(u"mask"_s,
+                                        u"Hide licence keys and e-mail addresses from pages."_s);
+    parser.addOptions({portOption, listenOption, databaseOption, releasesOption, faultOption,
+                       scenarioOption, listOption, maskOption});
     const QCommandLineOption helpOption = parser.addHelpOption();
     const QCommandLineOption versionOption = parser.addVersionOption();
 
@@ -179,6 +232,8 @@ int main(int argc, char *argv[])
         parser.showVersion();
     if (parser.isSet(helpOption))
         parser.showHelp();
+    if (parser.isSet(listOption))
+        return listScenarios();
     if (!parser.positionalArguments().isEmpty()) {
         return fail(WrongUsage,
                     u"unexpected argument \"%1\"."_s.arg(parser.positionalArguments().constFirst())
@@ -197,8 +252,17 @@ int main(int argc, char *argv[])
                     "::1 or 0.0.0.0."_s.arg(parser.value(listenOption)));
     }
 
-    const Settings settings{address, *port, parser.value(databaseOption),
-                            parser.value(releasesOption)};
+    Settings settings{address,
+                      *port,
+                      parser.value(databaseOption),
+                      parser.value(releasesOption),
+                      {},
+                      parser.isSet(maskOption)};
+    try {
+        settings.faults = faultsFrom(parser.values(faultOption), parser.values(scenarioOption));
+    } catch (const FaultError &error) {
+        return fail(WrongUsage, QString::fromUtf8(error.what()) + u'.' + seeHelp);
+    }
     if (parser.isSet(databaseOption) && settings.database.isEmpty()) {
         return fail(WrongUsage,
                     u"the database has no name: name a file, or leave --database out to keep the "

@@ -1,5 +1,6 @@
 #include "endpoints/service.h"
 
+#include "journal/mask.h"
 #include "pages/approvalpage.h"
 #include "state/releases.h"
 #include "state/store.h"
@@ -104,10 +105,11 @@ const Service::Route Service::routes[] = {
     {Operation::Usage, "POST", "/api/v1/client/usage"_L1, &Service::addUsageEvent},
 };
 
-Service::Service(Store &store, Releases &releases, const QString &address)
+Service::Service(Store &store, Releases &releases, const QString &address, bool isMasked)
     : m_store(store)
     , m_releases(releases)
     , m_address(address)
+    , m_isMasked(isMasked)
 {
 }
 
@@ -304,7 +306,7 @@ HttpReply Service::capturePurchase(const HttpRequest &request, const QStringList
 // GET /paypal/approve/<order id>
 HttpReply Service::showApproval(const HttpRequest &, const QStringList &parts)
 {
-    const std::optional<Purchase> purchase = m_store.purchaseByOrder(parts.at(0));
+    const std::optional<Purchase> purchase = shownPurchase(parts.at(0));
     if (!purchase)
         return pageReply(unknownOrderPage(), 404);
     if (purchase->state != Purchase::Pending)
@@ -315,7 +317,7 @@ HttpReply Service::showApproval(const HttpRequest &, const QStringList &parts)
 // POST /paypal/approve/<order id>
 HttpReply Service::approve(const HttpRequest &, const QStringList &parts)
 {
-    const std::optional<Purchase> purchase = m_store.purchaseByOrder(parts.at(0));
+    const std::optional<Purchase> purchase = shownPurchase(parts.at(0));
     if (!purchase)
         return pageReply(unknownOrderPage(), 404);
 
@@ -363,6 +365,15 @@ HttpReply Service::jsonReply(const QJsonObject &object, int status)
 HttpReply Service::pageReply(const QByteArray &page, int status)
 {
     return {status, {{"Content-Type", "text/html; charset=utf-8"}}, page};
+}
+
+// For a page.
+std::optional<Purchase> Service::shownPurchase(const QString &orderId) const
+{
+    std::optional<Purchase> purchase = m_store.purchaseByOrder(orderId);
+    if (purchase && m_isMasked)
+        purchase->buyer.email = maskText();
+    return purchase;
 }
 
 HttpReply Service::fileReply(const QString &path)

@@ -8,6 +8,8 @@
 #include <QtCore/qstring.h>
 #include <QtCore/qstringlist.h>
 
+#include <optional>
+
 class Releases;
 class Store;
 struct Plan;
@@ -18,8 +20,8 @@ class Service
 {
 public:
     // The address, http://HOST:PORT, is what the service calls itself in its replies; without one,
-    // it is the one that the client has used.
-    Service(Store &store, Releases &releases, const QString &address);
+    // it is the one that the client has used. Masked, its pages show no e-mail addresses.
+    Service(Store &store, Releases &releases, const QString &address, bool isMasked);
 
     static Operation operationOf(const HttpRequest &request);
     HttpReply answer(const HttpRequest &request);
@@ -61,6 +63,7 @@ private:
 
     static HttpReply jsonReply(const QJsonObject &object, int status = 200);
     static HttpReply pageReply(const QByteArray &page, int status = 200);
+    std::optional<Purchase> shownPurchase(const QString &orderId) const;
     static HttpReply fileReply(const QString &path);
     static QJsonObject objectFrom(const HttpRequest &request);
     static QString textFrom(const QJsonObject &object, QLatin1StringView member);
@@ -71,6 +74,7 @@ private:
     Store &m_store;
     Releases &m_releases;
     QString m_address;
+    bool m_isMasked;
 };
 
 #endif // SERVICE_H

@@ -1,10 +1,12 @@
 #include "state/store.h"
 
+#include <QtCore/qjsonarray.h>
 #include <QtCore/qjsondocument.h>
 #include <QtCore/qrandom.h>
 #include <QtCore/qvariant.h>
 #include <QtSql/qsqlerror.h>
 #include <QtSql/qsqlquery.h>
+#include <QtSql/qsqlrecord.h>
 
 using namespace Qt::StringLiterals;
 
@@ -68,10 +70,14 @@ const QStringList schema{
     "  payload TEXT NOT NULL,"
     "  received_at TEXT NOT NULL DEFAULT (strftime('%Y-%m-%dT%H:%M:%fZ', 'now')))"_s,
 
-    u"INSERT INTO sqlite_sequence (name, seq) VALUES ('licenses', 1000)"_s,
 };
 
+const QStringList tables{u"products"_s, u"plans"_s,    u"licenses"_s,
+                         u"orders"_s,   u"payments"_s, u"usage_events"_s};
+constexpr int shownRows = 1000;
+
 const QStringList demonstration{
+    u"INSERT INTO sqlite_sequence (name, seq) VALUES ('licenses', 1000)"_s,
     u"INSERT INTO products VALUES ('DEMO', 'Prodotto dimostrativo')"_s,
     u"INSERT INTO plans (product_code, plan_code, name, description, price, currency) VALUES"
     " ('DEMO', 'MENSILE', 'Abbonamento mensile', 'Tutte le funzioni, rinnovo ogni mese.',"
@@ -307,4 +313,35 @@ void Store::addUsageEvent(const UsageEvent &event)
         " VALUES (?, ?, ?, ?, ?)"_s,
         {event.productCode, event.licenseKey, event.machineFingerprint, event.eventType,
          QString::fromUtf8(payload)});
+}
+
+QJsonObject Store::contents() const
+{
+    QJsonObject contents;
+    for (const QString &table : tables) {
+        QSqlQuery rows = run(m_database,
+                             u"SELECT * FROM (SELECT rowid AS row, * FROM %1 ORDER BY row DESC "
+                             "LIMIT %2) ORDER BY row"_s.arg(table, QString::number(shownRows)));
+        QJsonArray array;
+        while (rows.next()) {
+            const QSqlRecord record = rows.record();
+            QJsonObject row;
+            for (int column = 1; column < record.count(); ++column)
+                row.insert(record.fieldName(column), QJsonValue::fromVariant(record.value(column)));
+            array.append(row);
+        }
+        contents.insert(table, array);
+    }
+    return contents;
+}
+
+void Store::reset()
+{
+    Transaction transaction(m_database);
+    for (const QString &table : tables)
+        run(m_database, "DELETE FROM "_L1 + table);
+    run(m_database, u"DELETE FROM sqlite_sequence"_s);
+    for (const QString &statement : demonstration)
+        run(m_database, statement);
+    transaction.commit();
 }

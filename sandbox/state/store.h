@@ -81,6 +81,11 @@ public:
 
     void addUsageEvent(const UsageEvent &event);
 
+    // The newest rows of every table, for engineers to look at.
+    QJsonObject contents() const;
+    // Back to what a new database holds.
+    void reset();
+
 private:
     QSqlDatabase m_database;
 };

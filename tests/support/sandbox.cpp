@@ -66,7 +66,8 @@ Sandbox::Answer Sandbox::ask(const QByteArray &method, const QString &path, cons
     QSignalSpy finished(reply.get(), &QNetworkReply::finished);
     if (!finished.wait(20000))
         return {};
-    return {reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(), reply->readAll()};
+    return {reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(), reply->readAll(),
+            reply->rawHeader("Allow"), reply->rawHeader("Cache-Control")};
 }
 
 QJsonObject Sandbox::start() const

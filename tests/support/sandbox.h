@@ -4,8 +4,11 @@
 #include "serverprocess.h"
 
 #include <QtCore/qjsonobject.h>
+#include <QtCore/qmap.h>
 #include <QtCore/qtemporarydir.h>
 #include <QtCore/qurl.h>
+
+#include <memory>
 
 // A running corvane-sandbox with an empty database in memory and one release of DEMO on the channel
 // "stable". Ends with the object.
@@ -16,6 +19,8 @@ public:
     {
         int status = 0;
         QByteArray body;
+        QByteArray allow = {};
+        QByteArray cacheControl = {};
 
         QJsonObject json() const;
         // Of the service's error object.

@@ -1,0 +1,229 @@
+#include "control/control.h"
+
+#include "endpoints/service.h"
+#include "faults/faults.h"
+#include "faults/jsonreader.h"
+#include "faults/scenarios.h"
+#include "http/connection.h"
+#include "journal/journal.h"
+#include "journal/mask.h"
+#include "state/store.h"
+
+#include <QtCore/qjsonarray.h>
+#include <QtCore/qjsondocument.h>
+#include <QtCore/qtimer.h>
+#include <QtCore/qurl.h>
+#include <QtNetwork/qhostaddress.h>
+
+#include <algorithm>
+#include <chrono>
+#include <limits>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr qint64 longestWait = 60;
+
+// A name, other than this one, can be made to lead here by whoever owns it.
+bool isThisMachine(const QByteArray &host)
+{
+    const QString name = QUrl("http://"_L1 + QString::fromLatin1(host)).host();
+    return name == "localhost"_L1 || !QHostAddress(name).isNull();
+}
+
+QJsonValue jsonOf(const HttpRequest &request)
+{
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(request.body, &error);
+    if (error.error != QJsonParseError::NoError) {
+        throw FaultError(u"the body is not JSON: %1 at %2"_s
+                             .arg(error.errorString(), QString::number(error.offset))
+                             .toStdString());
+    }
+    return document.isObject() ? QJsonValue(document.object()) : QJsonValue(document.array());
+}
+
+// Of the body; its members go by their names alone.
+JsonReader readerOf(const HttpRequest &request, const QString &member)
+{
+    const QJsonValue value = jsonOf(request);
+    if (!value.isObject())
+        throw FaultError("the body must be an object");
+    const JsonReader reader(value, {}, {member});
+    if (!reader.has(member))
+        JsonReader::fail(member, u"is missing"_s);
+    return reader;
+}
+
+qint64 numberIn(const HttpRequest &request, const QString &name, qint64 most)
+{
+    const QString text = request.query().queryItemValue(name);
+    bool isNumber = false;
+    const qint64 number = text.toLongLong(&isNumber);
+    if (text.isNull() || (isNumber && number >= 0 && number <= most))
+        return number;
+    JsonReader::fail(name, u"must be a whole number from 0 to %1"_s.arg(most));
+}
+
+} // namespace
+
+const Control::Route Control::routes[] = {
+    {"GET", "/sandbox/state", &Control::showState},
+    {"GET", "/sandbox/faults", &Control::showFaults},
+    {"POST", "/sandbox/faults", &Control::addFaults},
+    {"DELETE", "/sandbox/faults", &Control::clearFaults},
+    {"GET", "/sandbox/scenarios", &Control::showScenarios},
+    {"POST", "/sandbox/scenario", &Control::startScenario},
+    {"GET", "/sandbox/journal", &Control::showJournal},
+    {"POST", "/sandbox/reset", &Control::reset},
+};
+
+Control::Control(Faults &faults, Journal &journal, Store &store, bool isMasked)
+    : m_faults(faults)
+    , m_journal(journal)
+    , m_store(store)
+    , m_isMasked(isMasked)
+{
+}
+
+bool Control::concerns(const HttpRequest &request)
+{
+    const QByteArray path = request.path();
+    return request.refusal == 0 && (path == "/sandbox" || path.startsWith("/sandbox/"));
+}
+
+void Control::answer(HttpConnection *connection)
+{
+    try {
+        checkOrigin(connection->request());
+        (this->*routeOf(connection->request()).handler)(connection);
+    } catch (const Refusal &refusal) {
+        HttpReply reply = Service::refusal(refusal.status, refusal.message);
+        reply.headers += refusal.headers;
+        connection->send(reply);
+    } catch (const FaultError &error) {
+        connection->send(Service::refusal(400, QString::fromUtf8(error.what())));
+    } catch (const StoreError &error) {
+        qWarning("%s: %s", connection->request().path().constData(), error.what());
+        connection->send(Service::refusal(500, QString::fromUtf8(error.what())));
+    }
+}
+
+void Control::checkOrigin(const HttpRequest &request)
+{
+    const QByteArray host = request.header("Host");
+    if (!isThisMachine(host))
+        throw Refusal{403, u"use this machine's IP address, or localhost, in the URL"_s};
+    const QByteArray origin = request.header("Origin");
+    if (!origin.isNull() && origin != "http://" + host)
+        throw Refusal{403, u"pages of other sites may not control the sandbox"_s};
+    const QByteArray type = request.header("Content-Type").split(';').constFirst().trimmed();
+    if (request.method == "POST" && type.toLower() != "application/json")
+        throw Refusal{415, u"send the header \"Content-Type: application/json\""_s};
+}
+
+const Control::Route &Control::routeOf(const HttpRequest &request)
+{
+    QByteArrayList allowed;
+    for (const Route &route : routes) {
+        if (route.path != request.path())
+            continue;
+        if (route.method == request.method)
+            return route;
+        allowed += route.method;
+    }
+    if (allowed.isEmpty()) {
+        throw Refusal{404,
+                      u"there is nothing here: see state, faults, scenarios and journal below "
+                      "/sandbox/"_s};
+    }
+    throw Refusal{405, u"this method is not for this path"_s, {{"Allow", allowed.join(", ")}}};
+}
+
+void Control::showState(HttpConnection *connection)
+{
+    send(connection, shown(m_store.contents()));
+}
+
+void Control::showFaults(HttpConnection *connection)
+{
+    send(connection, shown({{u"faults"_s, m_faults.toJson()}}));
+}
+
+void Control::addFaults(HttpConnection *connection)
+{
+    const QString member = u"faults"_s;
+    m_faults.add(faultRulesFrom(readerOf(connection->request(), member).value(member), member));
+    showFaults(connection);
+}
+
+void Control::clearFaults(HttpConnection *connection)
+{
+    m_faults.clear();
+    showFaults(connection);
+}
+
+void Control::showScenarios(HttpConnection *connection)
+{
+    QJsonArray array;
+    for (const Scenario &scenario : scenarios()) {
+        QJsonArray rules;
+        for (const FaultRule &rule : scenario.rules)
+            rules.append(rule.json);
+        array.append(QJsonObject{
+            {u"name"_s, scenario.name}, {u"sentence"_s, scenario.sentence}, {u"rules"_s, rules}});
+    }
+    send(connection, {{u"scenarios"_s, array}});
+}
+
+void Control::startScenario(HttpConnection *connection)
+{
+    const QString member = u"name"_s;
+    const JsonReader reader = readerOf(connection->request(), member);
+    const QString name = reader.oneOf(member, scenarioNames()).value_or(QString());
+    m_faults.clear();
+    m_faults.add(scenarioNamed(name)->rules);
+    showFaults(connection);
+}
+
+void Control::showJournal(HttpConnection *connection)
+{
+    constexpr qint64 any = std::numeric_limits<qint64>::max();
+    const auto since = static_cast<quint64>(numberIn(connection->request(), u"since"_s, any));
+    const std::chrono::seconds wait(numberIn(connection->request(), u"wait"_s, longestWait));
+    const auto show = [this, connection, since] { send(connection, m_journal.since(since)); };
+    if (wait.count() == 0 || m_journal.change() > since)
+        return show();
+
+    // Goes with the connection if the client does not wait so long.
+    auto *timer = new QTimer(connection);
+    const auto showOnce = [timer, show] {
+        timer->disconnect();
+        timer->deleteLater();
+        show();
+    };
+    connect(timer, &QTimer::timeout, timer, showOnce);
+    connect(&m_journal, &Journal::changed, timer, showOnce);
+    timer->start(wait);
+}
+
+void Control::reset(HttpConnection *connection)
+{
+    m_store.reset();
+    m_faults.reset();
+    m_journal.clear();
+    send(connection, {{u"success"_s, true}});
+}
+
+QJsonObject Control::shown(const QJsonObject &object) const
+{
+    return m_isMasked ? masked(QJsonValue(object)).toObject() : object;
+}
+
+void Control::send(HttpConnection *connection, const QJsonObject &object)
+{
+    connection->send({200,
+                      {{"Content-Type", "application/json"}, {"Cache-Control", "no-store"}},
+                      QJsonDocument(object).toJson(QJsonDocument::Compact)});
+}
