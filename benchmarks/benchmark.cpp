@@ -1,11 +1,15 @@
 // What Corvane costs beside the same work written by hand on QNetworkAccessManager: the CPU time
 // of an update check, and the peak memory of a download. Both are measured in one run, in turn, on
 // the same server, which runs in a process of its own so that its work does not count.
+//
+// With a corvane-sandbox, how many update checks it answers to one host.
 
 #include "corvane.h"
 
 #include <QtCore/qcoreapplication.h>
 #include <QtCore/qdatetime.h>
+#include <QtCore/qdir.h>
+#include <QtCore/qelapsedtimer.h>
 #include <QtCore/qeventloop.h>
 #include <QtCore/qfile.h>
 #include <QtCore/qjsondocument.h>
@@ -31,6 +35,9 @@ namespace {
 constexpr int pairs = 15;
 constexpr int checksPerSide = 1000;
 constexpr qint64 mebibyte = 1024 * 1024;
+constexpr int rounds = 9;
+constexpr int checksPerRound = 3000;
+constexpr int checksInFlight = 12;
 
 // One answer to every request: a release, or for /<number> a body of so many zero bytes.
 QByteArray answerTo(const QByteArray &request)
@@ -285,6 +292,53 @@ void compareDownloads(const QUrl &server)
     }
 }
 
+// Update checks a second, so many in flight at a time.
+double rateOf(ByCorvane &host)
+{
+    int toStart = checksPerRound;
+    int toEnd = checksPerRound;
+    QEventLoop loop;
+    host.onDone([&] {
+        if (--toEnd == 0)
+            loop.quit();
+        else if (toStart-- > 0)
+            host.check();
+    });
+    QElapsedTimer timer;
+    timer.start();
+    toStart -= checksInFlight;
+    for (int i = 0; i < checksInFlight; ++i)
+        host.check();
+    loop.exec();
+    return checksPerRound * 1e9 / double(timer.nsecsElapsed());
+}
+
+int measureSandbox(const QString &program)
+{
+    QTemporaryDir releases;
+    const QString folder = releases.filePath(u"DEMO/stable/1.5.0"_s);
+    QFile file(folder + "/demo.bin"_L1);
+    if (!QDir().mkpath(folder) || !file.open(QIODevice::WriteOnly) || file.write("demo") != 4)
+        stop(u"no release could be written"_s);
+    file.close();
+    QProcess sandbox;
+    sandbox.start(program, {u"--releases"_s, releases.path()});
+    if (!sandbox.waitForStarted() || !sandbox.waitForReadyRead())
+        stop(u"the sandbox did not start"_s);
+
+    ByCorvane host(QUrl(QString::fromUtf8(sandbox.readLine().trimmed())));
+    // The first round warms up and does not count.
+    rateOf(host);
+    QList<double> rates;
+    for (int round = 0; round < rounds; ++round)
+        rates += rateOf(host);
+    std::printf("Sandbox: update checks of one host, %d rounds of %d\n", rounds, checksPerRound);
+    print("answered", spreadOf(rates), "/s");
+    sandbox.terminate();
+    sandbox.waitForFinished();
+    return 0;
+}
+
 int compare()
 {
     QProcess server;
@@ -305,7 +359,8 @@ int compare()
 
 } // namespace
 
-// Without arguments, measures. With one, plays a part in a measurement.
+// Without arguments, measures the library. Other arguments play parts in that, or measure a
+// sandbox.
 int main(int argc, char *argv[])
 {
     QCoreApplication application(argc, argv);
@@ -319,8 +374,10 @@ int main(int argc, char *argv[])
         return measureDownload<ByCorvane>(server, size);
     if (part == "--by-hand"_L1)
         return measureDownload<ByHand>(server, size);
+    if (part == "--sandbox"_L1 && arguments.size() == 3)
+        return measureSandbox(arguments.at(2));
     if (arguments.size() == 1)
         return compare();
-    std::fputs("usage: corvane-benchmark\n", stderr);
+    std::fputs("usage: corvane-benchmark [--sandbox PROGRAM]\n", stderr);
     return 2;
 }

@@ -158,31 +158,30 @@ void HttpConnection::pump()
         finish();
 }
 
-// False when there is no more to write after it.
+// False when there is no more to write after it. The head and the body's beginning go together: a
+// small reply is one packet.
 bool HttpConnection::writePart(qsizetype most)
 {
-    if (!m_head.isEmpty()) {
-        m_socket->write(m_head.first(std::min(most, m_head.size())));
-        m_head.remove(0, most);
-        return !m_head.isEmpty() || m_position < m_end;
-    }
-    const auto size = static_cast<qsizetype>(std::min<qint64>(most, m_end - m_position));
+    QByteArray bytes = m_head.first(std::min(most, m_head.size()));
+    m_head.remove(0, bytes.size());
+    const auto size =
+        static_cast<qsizetype>(std::min<qint64>(most - bytes.size(), m_end - m_position));
     QByteArray part = m_reply.file ? m_reply.file->read(size)
                                    : m_reply.body.sliced(static_cast<qsizetype>(m_position), size);
-    // The file has become shorter: what was announced cannot be sent any more.
-    if (part.isEmpty()) {
-        if (m_position < m_end)
-            m_delivery.flaw = Delivery::Close;
-        return false;
-    }
-
     const qint64 wrong = m_reply.size() / 2 - m_position;
     if (m_delivery.flaw == Delivery::Corrupt && wrong >= 0 && wrong < part.size())
         part[static_cast<qsizetype>(wrong)] = char(part.at(static_cast<qsizetype>(wrong)) ^ 1);
     m_position += part.size();
-    m_socket->write(part);
-    Q_EMIT sent(part);
-    return m_position < m_end;
+    m_socket->write(bytes + part);
+    if (!part.isEmpty())
+        Q_EMIT sent(part);
+
+    // The file has become shorter: what was announced cannot be sent any more.
+    if (part.size() < size) {
+        m_delivery.flaw = Delivery::Close;
+        return false;
+    }
+    return !m_head.isEmpty() || m_position < m_end;
 }
 
 void HttpConnection::finish()
