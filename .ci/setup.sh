@@ -43,7 +43,13 @@ install_missing() {
     fi
 
     for tool in "${tools[@]}" "$@"; do
-        [ "$(dpkg-query -W -f '${db:Status-Status}' "${tool#*:}" 2>/dev/null)" = installed ] || missing+=("${tool#*:}")
+        # A command may come from elsewhere, and Debian's package may conflict with that.
+        if [ -n "${tool%%:*}" ]; then
+            installed "${tool%%:*}" || missing+=("${tool#*:}")
+        else
+            [ "$(dpkg-query -W -f '${db:Status-Status}' "${tool#*:}" 2>/dev/null)" = installed ] ||
+                missing+=("${tool#*:}")
+        fi
     done
     [ ${#missing[@]} -eq 0 ] && return
 
