@@ -9,6 +9,7 @@
 #include "faults/scenarios.h"
 #include "front.h"
 #include "journal/journal.h"
+#include "state/data.h"
 #include "state/releases.h"
 #include "state/store.h"
 
@@ -36,9 +37,14 @@ namespace {
 
 enum ExitCode { Done = 0, StartFailed = 1, WrongUsage = 2 };
 
-int fail(ExitCode code, const QString &message)
+void note(const QString &message)
 {
     std::fprintf(stderr, "corvane-sandbox: %s\n", qUtf8Printable(message));
+}
+
+int fail(ExitCode code, const QString &message)
+{
+    note(message);
     return code;
 }
 
@@ -89,6 +95,7 @@ struct Settings
 {
     QHostAddress address;
     quint16 port = 0;
+    QString data;
     QString database;
     QString folder;
     QList<FaultRule> faults;
@@ -110,6 +117,8 @@ bool isWildcard(const QHostAddress &host)
     return host == QHostAddress::AnyIPv4 || host == QHostAddress::AnyIPv6;
 }
 
+const QString notLoaded = u"\"%1\" was not loaded: \"%2\" holds data already."_s;
+
 int serve(QCoreApplication &application, const Settings &settings)
 {
     auto server = std::make_unique<QTcpServer>();
@@ -122,8 +131,8 @@ int serve(QCoreApplication &application, const Settings &settings)
     const QString address = urlOf(settings.address, server->serverPort());
 
     try {
-        Store store(settings.database);
-        Releases releases(settings.folder);
+        Store store(settings.database, readData(settings.data));
+        Releases releases(settings.folder, store);
         Service service(store, releases, isWildcard(settings.address) ? QString() : address,
                         settings.isMasked);
         Faults faults(settings.faults);
@@ -133,7 +142,11 @@ int serve(QCoreApplication &application, const Settings &settings)
         quitOnSignals(&application);
         if (!print(address))
             return fail(StartFailed, cannotPrint.arg(qt_error_string()));
+        if (!store.isNew() && settings.data != demoData)
+            note(notLoaded.arg(settings.data, settings.database));
         return QCoreApplication::exec();
+    } catch (const DataError &error) {
+        return fail(StartFailed, QString::fromUtf8(error.what()));
     } catch (const StoreError &error) {
         return fail(StartFailed,
                     u"cannot use the database \"%1\" (%2): name a file that you may write and that "
@@ -209,6 +222,8 @@ int main(int argc, char *argv[])
                                         u"N"_s, u"0"_s);
     const QCommandLineOption listenOption(
         u"listen"_s, u"Listen on this IP address; 0.0.0.0 is all."_s, u"ADDRESS"_s, u"127.0.0.1"_s);
+    const QCommandLineOption dataOption(
+        u"data"_s, u"Fill a new database from FILE (JSON) instead."_s, u"FILE"_s, demoData);
     const QCommandLineOption databaseOption(
         u"database"_s, u"Keep the state in FILE (SQLite) instead of in memory."_s, u"FILE"_s);
     const QCommandLineOption releasesOption(u"releases"_s, u"Offer the releases in DIR."_s,
@@ -220,8 +235,8 @@ int main(int argc, char *argv[])
     const QCommandLineOption listOption(u"list-scenarios"_s, u"Say what NAME can be, and leave."_s);
     const QCommandLineOption maskOption(u"mask"_s,
                                         u"Hide licence keys and e-mail addresses from pages."_s);
-    parser.addOptions({portOption, listenOption, databaseOption, releasesOption, faultOption,
-                       scenarioOption, listOption, maskOption});
+    parser.addOptions({portOption, listenOption, dataOption, databaseOption, releasesOption,
+                       faultOption, scenarioOption, listOption, maskOption});
     const QCommandLineOption helpOption = parser.addHelpOption();
     const QCommandLineOption versionOption = parser.addVersionOption();
 
@@ -254,6 +269,7 @@ int main(int argc, char *argv[])
 
     Settings settings{address,
                       *port,
+                      parser.value(dataOption),
                       parser.value(databaseOption),
                       parser.value(releasesOption),
                       {},

@@ -434,8 +434,8 @@ void tst_Sandbox::helpFitsAScreen()
     QCOMPARE(process.exitCode(), 0);
 
     const QByteArray help = process.readAllStandardOutput();
-    for (const char *option :
-         {"--port <N>", "--listen <ADDRESS>", "--database <FILE>", "--releases <DIR>", "--version"})
+    for (const char *option : {"--port <N>", "--listen <ADDRESS>", "--data <FILE>",
+                               "--database <FILE>", "--releases <DIR>", "--version"})
         QVERIFY2(help.contains(option), option);
     QVERIFY(help.contains("A folder named after a product holds that product's releases"));
     QVERIFY(help.contains("moving a new file into place, never by writing over it"));
@@ -498,11 +498,10 @@ void tst_Sandbox::refusesToStart_data()
         "corvane-sandbox made, or a new one, with --database.\n"_s;
     QTest::newRow("database-folder-missing")
         << QStringList{u"--database"_s, u"missing/state.sqlite"_s} << 1
-        << useDatabase.arg(u"missing/state.sqlite"_s,
-                           u"unable to open database file Error opening database"_s);
+        << useDatabase.arg(u"missing/state.sqlite"_s, u"unable to open database file"_s);
     QTest::newRow("database-is-text")
         << QStringList{u"--database"_s, u"text.txt"_s} << 1
-        << useDatabase.arg(u"text.txt"_s, u"file is not a database Unable to fetch row"_s);
+        << useDatabase.arg(u"text.txt"_s, u"file is not a database"_s);
 }
 
 void tst_Sandbox::refusesToStart()
@@ -664,7 +663,10 @@ void tst_Sandbox::twoMayStartOnOneNewDatabase()
 {
     const QString file = path(u"new.sqlite"_s);
     Transaction other(file);
-    QVERIFY(other.run(u"CREATE TABLE products (product_code TEXT)"_s));
+    for (
+        const QString &sql : query(
+            u"SELECT sql FROM sqlite_master WHERE sql IS NOT NULL AND name <> 'sqlite_sequence'"_s))
+        QVERIFY(other.run(sql));
     for (const QString &mark : {u"PRAGMA application_id"_s, u"PRAGMA user_version"_s})
         QVERIFY(other.run(mark + " = "_L1 + query(mark).constFirst()));
 
@@ -1777,6 +1779,8 @@ QStringList tst_Sandbox::query(const QString &sql) const
         database.setDatabaseName(path(u"state.sqlite"_s));
         database.open();
         QSqlQuery query(database);
+        // A test may store what the service never would.
+        query.exec(u"PRAGMA ignore_check_constraints = ON"_s);
         if (!query.exec(sql))
             rows.append(query.lastError().text());
         const int columns = query.record().count();

@@ -256,7 +256,7 @@ HttpReply Service::startPurchase(const HttpRequest &request, const QStringList &
     if (!isEmailAddress(buyer.email))
         throw Refusal{422, u"Indirizzo e-mail non valido."_s};
 
-    return jsonReply(startAnswer(request, m_store.startPurchase(product, *plan, buyer)));
+    return jsonReply(startAnswer(request, m_store.startPurchase(*plan, buyer)));
 }
 
 // POST /api/v1/purchase/resume
@@ -275,6 +275,8 @@ HttpReply Service::resumePurchase(const HttpRequest &request, const QStringList 
         throw Refusal{404, u"Chiave di licenza sconosciuta."_s};
     if (purchase->state == Purchase::Paid)
         throw Refusal{409, u"Questo acquisto è già stato pagato."_s};
+    if (purchase->state == Purchase::Cancelled)
+        throw Refusal{409, u"Questo acquisto è stato annullato."_s};
 
     return jsonReply(startAnswer(request, *purchase));
 }
@@ -290,8 +292,10 @@ HttpReply Service::capturePurchase(const HttpRequest &request, const QStringList
     const std::optional<Purchase> purchase = m_store.purchaseByOrder(orderId);
     if (!purchase)
         throw Refusal{404, u"Ordine sconosciuto."_s};
-    if (purchase->state == Purchase::Pending) {
-        QJsonObject refusal = refusalObject(u"Il pagamento non è ancora stato approvato."_s);
+    if (purchase->state == Purchase::Pending || purchase->state == Purchase::Cancelled) {
+        QJsonObject refusal = refusalObject(purchase->state == Purchase::Pending
+                                                ? u"Il pagamento non è ancora stato approvato."_s
+                                                : u"Il pagamento è stato annullato."_s);
         refusal.insert("paid"_L1, false);
         return jsonReply(refusal, 409);
     }
@@ -309,6 +313,8 @@ HttpReply Service::showApproval(const HttpRequest &, const QStringList &parts)
     const std::optional<Purchase> purchase = shownPurchase(parts.at(0));
     if (!purchase)
         return pageReply(unknownOrderPage(), 404);
+    if (purchase->state == Purchase::Cancelled)
+        return pageReply(cancelledPage(*purchase));
     if (purchase->state != Purchase::Pending)
         return pageReply(approvedPage(*purchase));
     return pageReply(approvalPage(*purchase));
@@ -321,6 +327,8 @@ HttpReply Service::approve(const HttpRequest &, const QStringList &parts)
     if (!purchase)
         return pageReply(unknownOrderPage(), 404);
 
+    if (purchase->state == Purchase::Cancelled)
+        return pageReply(cancelledPage(*purchase), 409);
     m_store.approve(*purchase);
     return pageReply(approvedPage(*purchase));
 }

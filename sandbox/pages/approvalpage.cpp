@@ -60,6 +60,13 @@ QByteArray approvedPage(const Purchase &purchase)
                     + "\n<p>Ora puoi chiudere questa pagina e tornare all'applicazione.</p>"_L1);
 }
 
+QByteArray cancelledPage(const Purchase &purchase)
+{
+    return page(u"Pagamento annullato"_s,
+                summary(purchase)
+                    + "\n<p>Per acquistare, avvia di nuovo l'acquisto dall'applicazione.</p>"_L1);
+}
+
 QByteArray unknownOrderPage()
 {
     return page(u"Ordine sconosciuto"_s,

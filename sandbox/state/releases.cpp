@@ -1,5 +1,7 @@
 #include "state/releases.h"
 
+#include "state/store.h"
+
 #include <QtCore/qcryptographichash.h>
 #include <QtCore/qdir.h>
 #include <QtCore/qfile.h>
@@ -7,6 +9,7 @@
 #include <QtCore/qversionnumber.h>
 
 #include <algorithm>
+#include <utility>
 
 using namespace Qt::StringLiterals;
 
@@ -39,11 +42,36 @@ bool isNewer(const QString &left, const QString &right)
     return leftSuffix > rightSuffix;
 }
 
+QStringList foldersIn(const QString &path)
+{
+    return QDir(path).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+}
+
+QStringList newestFirst(QStringList versions)
+{
+    std::sort(versions.begin(), versions.end(), isNewer);
+    return versions;
+}
+
+ReleaseRow rowOf(const Release &release)
+{
+    const QFileInfo file(release.path);
+    ReleaseRow row;
+    row.productCode = release.productCode;
+    row.channel = release.channel;
+    row.version = release.version;
+    row.file = file.fileName();
+    row.size = file.size();
+    return row;
+}
+
 } // namespace
 
-Releases::Releases(const QString &folder)
-    : m_root(folder.isEmpty() ? QString() : QFileInfo(folder).canonicalFilePath())
+Releases::Releases(const QString &folder, Store &store)
+    : m_store(store)
+    , m_root(folder.isEmpty() ? QString() : QFileInfo(folder).canonicalFilePath())
 {
+    m_store.listReleases(rows());
 }
 
 std::optional<Release> Releases::latest(const QString &product, const QString &channel) const
@@ -51,10 +79,8 @@ std::optional<Release> Releases::latest(const QString &product, const QString &c
     if (!isName(product) || !isName(channel))
         return std::nullopt;
 
-    const QDir folder(m_root + u'/' + product + u'/' + channel);
-    QStringList versions = folder.entryList(QDir::Dirs | QDir::NoDotAndDotDot);
-    std::sort(versions.begin(), versions.end(), isNewer);
-    for (const QString &version : std::as_const(versions)) {
+    const QString folder = m_root + u'/' + product + u'/' + channel;
+    for (const QString &version : newestFirst(foldersIn(folder))) {
         if (std::optional<Release> release = find(product, channel, version))
             return release;
     }
@@ -76,7 +102,7 @@ std::optional<Release> Releases::find(const QString &product, const QString &cha
     }
     if (files.size() != 1 || !containsFile(folder.filePath(files.constFirst())))
         return std::nullopt;
-    return Release{version, folder.filePath(files.constFirst())};
+    return Release{product, channel, version, folder.filePath(files.constFirst())};
 }
 
 QString Releases::notes(const Release &release) const
@@ -103,6 +129,11 @@ QByteArray Releases::sha256(const Release &release)
         return {};
     }
     digest = {info.size(), info.lastModified(), info.metadataChangeTime(), hash.result().toHex()};
+
+    ReleaseRow row = rowOf(release);
+    row.sha256 = QString::fromLatin1(digest.sha256);
+    row.isLatest = true;
+    m_store.listRelease(row);
     return digest.sha256;
 }
 
@@ -111,4 +142,26 @@ bool Releases::containsFile(const QString &path) const
     // Opening a pipe would wait for its writer.
     const QFileInfo info(path);
     return !m_root.isEmpty() && info.isFile() && info.canonicalFilePath().startsWith(m_root + u'/');
+}
+
+QList<ReleaseRow> Releases::rows() const
+{
+    QList<ReleaseRow> rows;
+    if (m_root.isEmpty())
+        return rows;
+
+    for (const QString &product : foldersIn(m_root)) {
+        for (const QString &channel : foldersIn(m_root + u'/' + product)) {
+            bool isLatest = true;
+            const QString folder = m_root + u'/' + product + u'/' + channel;
+            for (const QString &version : newestFirst(foldersIn(folder))) {
+                const std::optional<Release> release = find(product, channel, version);
+                if (!release)
+                    continue;
+                rows.append(rowOf(*release));
+                rows.last().isLatest = std::exchange(isLatest, false);
+            }
+        }
+    }
+    return rows;
 }

@@ -1,5 +1,7 @@
 #include "state/store.h"
 
+#include <QtCore/qdatetime.h>
+#include <QtCore/qfile.h>
 #include <QtCore/qjsonarray.h>
 #include <QtCore/qjsondocument.h>
 #include <QtCore/qrandom.h>
@@ -8,100 +10,38 @@
 #include <QtSql/qsqlquery.h>
 #include <QtSql/qsqlrecord.h>
 
+#include <algorithm>
+
 using namespace Qt::StringLiterals;
+
+const QStringList purchaseStates{u"pending"_s, u"approved"_s, u"cancelled"_s, u"paid"_s};
 
 namespace {
 
 // Marks a database file as the sandbox's: no other program's tables are ever touched.
 constexpr int applicationId = 0x434f5256;
-constexpr int schemaVersion = 1;
-
-// A payment's id is its order's, and so an order is never paid twice. Licence ids start elsewhere,
-// so that a host which mixes up the two ids notices.
-const QStringList schema{
-    u"CREATE TABLE products ("
-    "  product_code TEXT PRIMARY KEY,"
-    "  name TEXT NOT NULL)"_s,
-
-    u"CREATE TABLE plans ("
-    "  id INTEGER PRIMARY KEY,"
-    "  product_code TEXT NOT NULL REFERENCES products,"
-    "  plan_code TEXT NOT NULL,"
-    "  name TEXT NOT NULL,"
-    "  description TEXT NOT NULL,"
-    "  price TEXT NOT NULL,"
-    "  currency TEXT NOT NULL,"
-    "  UNIQUE (product_code, plan_code))"_s,
-
-    u"CREATE TABLE licenses ("
-    "  id INTEGER PRIMARY KEY AUTOINCREMENT,"
-    "  license_key TEXT NOT NULL UNIQUE,"
-    "  product_code TEXT NOT NULL,"
-    "  plan_code TEXT NOT NULL,"
-    "  first_name TEXT NOT NULL,"
-    "  last_name TEXT NOT NULL,"
-    "  email TEXT NOT NULL,"
-    "  status TEXT NOT NULL DEFAULT 'pending' CHECK (status IN ('pending', 'active')),"
-    "  created_at TEXT NOT NULL DEFAULT (strftime('%Y-%m-%dT%H:%M:%fZ', 'now')),"
-    "  FOREIGN KEY (product_code, plan_code) REFERENCES plans (product_code, plan_code))"_s,
-
-    u"CREATE TABLE orders ("
-    "  id INTEGER PRIMARY KEY,"
-    "  paypal_order_id TEXT NOT NULL UNIQUE,"
-    "  license_id INTEGER NOT NULL UNIQUE REFERENCES licenses,"
-    "  plan_name TEXT NOT NULL,"
-    "  price TEXT NOT NULL,"
-    "  currency TEXT NOT NULL,"
-    "  created_at TEXT NOT NULL DEFAULT (strftime('%Y-%m-%dT%H:%M:%fZ', 'now')),"
-    "  approved_at TEXT)"_s,
-
-    u"CREATE TABLE payments ("
-    "  id INTEGER PRIMARY KEY REFERENCES orders,"
-    "  amount TEXT NOT NULL,"
-    "  currency TEXT NOT NULL,"
-    "  paid_at TEXT NOT NULL DEFAULT (strftime('%Y-%m-%dT%H:%M:%fZ', 'now')))"_s,
-
-    u"CREATE TABLE usage_events ("
-    "  id INTEGER PRIMARY KEY,"
-    "  product_code TEXT NOT NULL REFERENCES products,"
-    "  license_key TEXT NOT NULL,"
-    "  machine_fingerprint TEXT NOT NULL,"
-    "  event_type TEXT NOT NULL,"
-    "  payload TEXT NOT NULL,"
-    "  received_at TEXT NOT NULL DEFAULT (strftime('%Y-%m-%dT%H:%M:%fZ', 'now')))"_s,
-
-};
+constexpr int schemaVersion = 2;
 
 const QStringList tables{u"products"_s, u"plans"_s,    u"licenses"_s,
                          u"orders"_s,   u"payments"_s, u"usage_events"_s};
 constexpr int shownRows = 1000;
 
-const QStringList demonstration{
-    u"INSERT INTO sqlite_sequence (name, seq) VALUES ('licenses', 1000)"_s,
-    u"INSERT INTO products VALUES ('DEMO', 'Prodotto dimostrativo')"_s,
-    u"INSERT INTO plans (product_code, plan_code, name, description, price, currency) VALUES"
-    " ('DEMO', 'MENSILE', 'Abbonamento mensile', 'Tutte le funzioni, rinnovo ogni mese.',"
-    "  '9.90', 'EUR'),"
-    " ('DEMO', 'ANNUALE', 'Abbonamento annuale', 'Tutte le funzioni, due mesi in regalo.',"
-    "  '99.00', 'EUR'),"
-    " ('DEMO', 'PERPETUA', 'Licenza perpetua', 'Un solo pagamento, un anno di aggiornamenti.',"
-    "  '249.00', 'EUR')"_s,
-};
-
 [[noreturn]] void fail(const QSqlError &error)
 {
-    throw StoreError(error.text().toStdString());
+    throw StoreError(error.databaseText().toStdString());
 }
 
+// Without values, the statement goes to SQLite as it is: Qt, looking for places to bind them, loses
+// its way in comments.
 QSqlQuery run(const QSqlDatabase &database, const QString &sql, const QVariantList &values = {})
 {
     QSqlQuery query(database);
     query.setForwardOnly(true);
-    if (!query.prepare(sql))
+    if (!values.isEmpty() && !query.prepare(sql))
         fail(query.lastError());
     for (const QVariant &value : values)
         query.addBindValue(value);
-    if (!query.exec())
+    if (!(values.isEmpty() ? query.exec(sql) : query.exec()))
         fail(query.lastError());
     return query;
 }
@@ -141,26 +81,51 @@ private:
     bool m_committed = false;
 };
 
-// Another process may open the same new file at the same time: one fills it.
-void createIfNew(const QSqlDatabase &database)
-{
-    Transaction transaction(database);
-    if (number(database, u"SELECT count(*) FROM sqlite_master"_s) > 0)
-        return;
-
-    for (const QString &statement : schema + demonstration)
-        run(database, statement);
-    run(database, "PRAGMA application_id = "_L1 + QString::number(applicationId));
-    run(database, "PRAGMA user_version = "_L1 + QString::number(schemaVersion));
-    transaction.commit();
-}
-
 void checkOrigin(const QSqlDatabase &database)
 {
     if (number(database, u"PRAGMA application_id"_s) != applicationId)
         throw StoreError("the database belongs to another program");
-    if (number(database, u"PRAGMA user_version"_s) != schemaVersion)
-        throw StoreError("the database was made by another version of corvane-sandbox");
+    const int version = number(database, u"PRAGMA user_version"_s);
+    if (version != schemaVersion) {
+        throw StoreError("the database was made by another version of corvane-sandbox: its schema "
+                         "has number "
+                         + std::to_string(version) + ", not " + std::to_string(schemaVersion));
+    }
+}
+
+void checkHealth(const QSqlDatabase &database)
+{
+    QSqlQuery row = run(database, u"PRAGMA quick_check(1)"_s);
+    const QString result = row.next() ? row.value(0).toString() : row.lastError().databaseText();
+    // The last line is the finding.
+    if (result != "ok"_L1)
+        throw StoreError("the database is damaged: " + result.section(u'\n', -1).toStdString());
+}
+
+QStringList schema()
+{
+    QFile file(u":/state/schema.sql"_s);
+    if (!file.open(QIODevice::ReadOnly))
+        qFatal("The schema was not built in.");
+    QStringList statements = QString::fromUtf8(file.readAll()).split(u";\n"_s);
+    statements.removeLast();
+    return statements;
+}
+
+QString now()
+{
+    return QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs);
+}
+
+// What SQLite makes up itself when it is null.
+QVariant idOrNull(int id)
+{
+    return id == 0 ? QVariant() : QVariant(id);
+}
+
+QVariant textOrNull(const QString &text)
+{
+    return text.isEmpty() ? QVariant() : QVariant(text);
 }
 
 // Upper-case letters and digits that nobody mistakes for one another.
@@ -181,15 +146,15 @@ QString newLicenseKey()
 Plan planFrom(const QSqlQuery &row)
 {
     return {row.value(0).toString(), row.value(1).toString(), row.value(2).toString(),
-            row.value(3).toString(), row.value(4).toString()};
+            row.value(3).toString(), row.value(4).toString(), row.value(5).toString()};
 }
 
-const QString selectPlans = u"SELECT plan_code, name, description, price, currency FROM plans "_s;
+const QString selectPlans =
+    u"SELECT product_code, plan_code, name, description, price, currency FROM plans "_s;
 
 const QString selectPurchase =
-    u"SELECT o.id, l.id, l.license_key, o.paypal_order_id, o.plan_name, o.price, o.currency,"
-    " l.first_name, l.last_name, l.email, o.approved_at IS NOT NULL, p.id IS NOT NULL"
-    " FROM orders o JOIN licenses l ON l.id = o.license_id LEFT JOIN payments p ON p.id = o.id "_s;
+    u"SELECT payment_id, license_id, license_key, paypal_order_id, plan_name, price, currency,"
+    " first_name, last_name, email, state FROM order_overview "_s;
 
 std::optional<Purchase> purchaseFrom(QSqlQuery row)
 {
@@ -205,24 +170,28 @@ std::optional<Purchase> purchaseFrom(QSqlQuery row)
     purchase.price = row.value(5).toString();
     purchase.currency = row.value(6).toString();
     purchase.buyer = {row.value(7).toString(), row.value(8).toString(), row.value(9).toString()};
-    if (row.value(10).toBool())
-        purchase.state = Purchase::Approved;
-    if (row.value(11).toBool())
-        purchase.state = Purchase::Paid;
+    purchase.state = Purchase::State(purchaseStates.indexOf(row.value(10).toString()));
     return purchase;
 }
 
 } // namespace
 
-Store::Store(const QString &path)
+// A commit must be on the disk before its reply is sent: synchronous FULL. With the write-ahead log
+// that costs one flush, and who looks into the file with sqlite3 holds nobody up.
+Store::Store(const QString &path, const Data &data)
     : m_database(QSqlDatabase::addDatabase(u"QSQLITE"_s))
+    , m_data(data)
 {
     m_database.setDatabaseName(path.isEmpty() ? u":memory:"_s : path);
     if (!m_database.open())
         fail(m_database.lastError());
 
-    createIfNew(m_database);
+    run(m_database, u"PRAGMA foreign_keys = ON"_s);
+    createIfNew();
     checkOrigin(m_database);
+    checkHealth(m_database);
+    run(m_database, u"PRAGMA journal_mode = WAL"_s);
+    run(m_database, u"PRAGMA synchronous = FULL"_s);
 }
 
 bool Store::hasProduct(const QString &productCode) const
@@ -248,45 +217,37 @@ std::optional<Plan> Store::plan(const QString &productCode, const QString &planC
     return row.next() ? std::make_optional(planFrom(row)) : std::nullopt;
 }
 
-// The order keeps the plan's name and price as they were when the buyer chose.
-Purchase Store::startPurchase(const QString &productCode, const Plan &plan, const Buyer &buyer)
+Purchase Store::startPurchase(const Plan &plan, const Buyer &buyer)
 {
-    const QString licenseKey = newLicenseKey();
+    NewPurchase purchase;
+    purchase.plan = plan;
+    purchase.buyer = buyer;
     Transaction transaction(m_database);
-    const QSqlQuery license = run(
-        m_database,
-        u"INSERT INTO licenses (license_key, product_code, plan_code, first_name, last_name, email)"
-        " VALUES (?, ?, ?, ?, ?, ?)"_s,
-        {licenseKey, productCode, plan.code, buyer.firstName, buyer.lastName, buyer.email});
-    run(m_database,
-        u"INSERT INTO orders (paypal_order_id, license_id, plan_name, price, currency)"
-        " VALUES (?, ?, ?, ?, ?)"_s,
-        {randomText(17), license.lastInsertId(), plan.name, plan.price, plan.currency});
-    Purchase purchase = purchaseByLicense(productCode, licenseKey).value();
+    const Purchase started = insertPurchase(purchase);
     transaction.commit();
-    return purchase;
+    return started;
 }
 
 std::optional<Purchase> Store::purchaseByLicense(const QString &productCode,
                                                  const QString &licenseKey) const
 {
     return purchaseFrom(run(m_database,
-                            selectPurchase + "WHERE l.product_code = ? AND l.license_key = ?"_L1,
+                            selectPurchase + "WHERE product_code = ? AND license_key = ?"_L1,
                             {productCode, licenseKey}));
 }
 
 std::optional<Purchase> Store::purchaseByOrder(const QString &orderId) const
 {
     return purchaseFrom(
-        run(m_database, selectPurchase + "WHERE o.paypal_order_id = ?"_L1, {orderId}));
+        run(m_database, selectPurchase + "WHERE paypal_order_id = ?"_L1, {orderId}));
 }
 
 void Store::approve(const Purchase &purchase)
 {
     run(m_database,
-        u"UPDATE orders SET approved_at = strftime('%Y-%m-%dT%H:%M:%fZ', 'now')"
-        " WHERE id = ? AND approved_at IS NULL"_s,
-        {purchase.paymentId});
+        u"UPDATE orders SET approved_at = ?"
+        " WHERE id = ? AND approved_at IS NULL AND cancelled_at IS NULL"_s,
+        {now(), purchase.paymentId});
 }
 
 void Store::pay(const Purchase &purchase)
@@ -295,12 +256,7 @@ void Store::pay(const Purchase &purchase)
         return;
 
     Transaction transaction(m_database);
-    run(m_database, u"UPDATE licenses SET status = 'active' WHERE id = ?"_s, {purchase.licenseId});
-    // Another process may have taken the payment since the purchase was read.
-    run(m_database,
-        u"INSERT INTO payments (id, amount, currency) VALUES (?, ?, ?)"
-        " ON CONFLICT (id) DO NOTHING"_s,
-        {purchase.paymentId, purchase.price, purchase.currency});
+    insertPayment(purchase, now());
     transaction.commit();
 }
 
@@ -309,10 +265,10 @@ void Store::addUsageEvent(const UsageEvent &event)
     const QByteArray payload = QJsonDocument(event.payload).toJson(QJsonDocument::Compact);
     run(m_database,
         u"INSERT INTO usage_events"
-        " (product_code, license_key, machine_fingerprint, event_type, payload)"
-        " VALUES (?, ?, ?, ?, ?)"_s,
-        {event.productCode, event.licenseKey, event.machineFingerprint, event.eventType,
-         QString::fromUtf8(payload)});
+        " (product_code, license_key, machine_fingerprint, event_type, payload, received_at)"
+        " VALUES (?, ?, ?, ?, ?, ?)"_s,
+        {event.productCode, textOrNull(event.licenseKey), event.machineFingerprint, event.eventType,
+         QString::fromUtf8(payload), event.receivedAt.isEmpty() ? now() : event.receivedAt});
 }
 
 QJsonObject Store::contents() const
@@ -338,10 +294,130 @@ QJsonObject Store::contents() const
 void Store::reset()
 {
     Transaction transaction(m_database);
+    run(m_database, u"PRAGMA defer_foreign_keys = ON"_s);
     for (const QString &table : tables)
         run(m_database, "DELETE FROM "_L1 + table);
     run(m_database, u"DELETE FROM sqlite_sequence"_s);
-    for (const QString &statement : demonstration)
-        run(m_database, statement);
+    seed();
+    // The folder's releases stay listed, but for products that somebody else has added.
+    run(m_database,
+        u"DELETE FROM channels WHERE product_code NOT IN (SELECT product_code FROM products)"_s);
     transaction.commit();
+}
+
+void Store::listReleases(const QList<ReleaseRow> &releases)
+{
+    Transaction transaction(m_database);
+    run(m_database, u"DELETE FROM channels"_s);
+    for (const ReleaseRow &release : releases)
+        insertRelease(release);
+    transaction.commit();
+}
+
+void Store::listRelease(const ReleaseRow &release)
+{
+    Transaction transaction(m_database);
+    insertRelease(release);
+    transaction.commit();
+}
+
+// Another process may open the same new file at the same time: one fills it.
+void Store::createIfNew()
+{
+    Transaction transaction(m_database);
+    if (number(m_database, u"SELECT count(*) FROM sqlite_master"_s) > 0)
+        return;
+
+    for (const QString &statement : schema())
+        run(m_database, statement);
+    run(m_database, "PRAGMA application_id = "_L1 + QString::number(applicationId));
+    run(m_database, "PRAGMA user_version = "_L1 + QString::number(schemaVersion));
+    seed();
+    transaction.commit();
+    m_isNew = true;
+}
+
+void Store::seed()
+{
+    // The last licence's id, before there is any.
+    run(m_database, u"INSERT INTO sqlite_sequence (name, seq) VALUES ('licenses', 1000)"_s);
+    for (const Product &product : m_data.products)
+        run(m_database, u"INSERT INTO products (product_code, name) VALUES (?, ?)"_s,
+            {product.code, product.name});
+    for (const Plan &plan : m_data.plans) {
+        run(m_database,
+            u"INSERT INTO plans (product_code, plan_code, name, description, price, currency)"
+            " VALUES (?, ?, ?, ?, ?, ?)"_s,
+            {plan.productCode, plan.code, plan.name, plan.description, plan.price, plan.currency});
+    }
+
+    // Who has no ids yet takes none that another asks for.
+    QList<NewPurchase> purchases = m_data.purchases;
+    std::stable_partition(purchases.begin(), purchases.end(),
+                          [](const NewPurchase &purchase) { return purchase.licenseId != 0; });
+    for (const NewPurchase &purchase : std::as_const(purchases))
+        insertPurchase(purchase);
+    for (const UsageEvent &event : m_data.usageEvents)
+        addUsageEvent(event);
+}
+
+// The order keeps the plan's name and price as they were when the buyer chose.
+Purchase Store::insertPurchase(const NewPurchase &purchase)
+{
+    const Plan &plan = purchase.plan;
+    const Buyer &buyer = purchase.buyer;
+    const QString licenseKey =
+        purchase.licenseKey.isEmpty() ? newLicenseKey() : purchase.licenseKey;
+    const QString orderId = purchase.orderId.isEmpty() ? randomText(17) : purchase.orderId;
+    const QString time = purchase.createdAt.isEmpty() ? now() : purchase.createdAt;
+    const bool isApproved =
+        purchase.state == Purchase::Approved || purchase.state == Purchase::Paid;
+    const bool isCancelled = purchase.state == Purchase::Cancelled;
+
+    const QSqlQuery license =
+        run(m_database,
+            u"INSERT INTO licenses (id, license_key, product_code, plan_code, first_name,"
+            " last_name, email, created_at) VALUES (?, ?, ?, ?, ?, ?, ?, ?)"_s,
+            {idOrNull(purchase.licenseId), licenseKey, plan.productCode, plan.code, buyer.firstName,
+             buyer.lastName, buyer.email, time});
+    run(m_database,
+        u"INSERT INTO orders (id, paypal_order_id, license_id, plan_name, price, currency,"
+        " created_at, approved_at, cancelled_at) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)"_s,
+        {idOrNull(purchase.paymentId), orderId, license.lastInsertId(), plan.name, plan.price,
+         plan.currency, time, textOrNull(isApproved ? time : QString()),
+         textOrNull(isCancelled ? time : QString())});
+    Purchase inserted = purchaseByOrder(orderId).value();
+    if (purchase.state == Purchase::Paid)
+        insertPayment(inserted, time);
+    return inserted;
+}
+
+void Store::insertPayment(const Purchase &purchase, const QString &time)
+{
+    run(m_database, u"UPDATE licenses SET status = 'active' WHERE id = ?"_s, {purchase.licenseId});
+    // Another process may have taken the payment since the purchase was read.
+    run(m_database,
+        u"INSERT INTO payments (id, amount, currency, paid_at) VALUES (?, ?, ?, ?)"
+        " ON CONFLICT (id) DO NOTHING"_s,
+        {purchase.paymentId, purchase.price, purchase.currency, time});
+}
+
+void Store::insertRelease(const ReleaseRow &release)
+{
+    if (!hasProduct(release.productCode))
+        return;
+    run(m_database,
+        u"INSERT INTO channels (product_code, channel) VALUES (?, ?) ON CONFLICT DO NOTHING"_s,
+        {release.productCode, release.channel});
+    if (release.isLatest) {
+        run(m_database,
+            u"UPDATE releases SET is_latest = 0 WHERE product_code = ? AND channel = ?"_s,
+            {release.productCode, release.channel});
+    }
+    run(m_database,
+        u"INSERT OR REPLACE INTO releases"
+        " (product_code, channel, version, file, size, sha256, is_latest)"
+        " VALUES (?, ?, ?, ?, ?, ?, ?)"_s,
+        {release.productCode, release.channel, release.version, release.file, release.size,
+         textOrNull(release.sha256), release.isLatest});
 }
