@@ -10,15 +10,13 @@
 
 #include <sys/socket.h>
 
-using namespace std::chrono_literals;
-
 namespace {
 
 // A reader that does not keep up gets no more than this ahead of its reading.
 constexpr qint64 enoughUnsent = 256 * 1024;
 constexpr qsizetype largestPart = 64 * 1024;
 // A client that has been told that the connection closes has so long to take in what was sent.
-constexpr auto farewell = 5s;
+constexpr std::chrono::seconds farewell(5);
 // Of a slow delivery: a part each time.
 constexpr int partsEachSecond = 20;
 constexpr qsizetype garbageSize = 512;
@@ -63,7 +61,7 @@ void HttpConnection::send(const HttpReply &reply, const Delivery &delivery)
     m_reply = reply;
     m_delivery = delivery;
     compose();
-    if (delivery.delay > 0ms)
+    if (delivery.delay.count() > 0)
         m_timer.start(delivery.delay);
     else
         start();
@@ -153,7 +151,7 @@ void HttpConnection::pump()
     if (m_state != Sending)
         return;
     if (more)
-        m_timer.start(rate > 0 ? std::chrono::milliseconds(1000 * part / rate) : 0ms);
+        m_timer.start(rate > 0 ? static_cast<int>(1000 * part / rate) : 0);
     else if (m_socket->bytesToWrite() == 0)
         finish();
 }

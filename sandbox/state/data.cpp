@@ -165,9 +165,9 @@ public:
     void isObjectOf(std::initializer_list<QLatin1StringView> names) const
     {
         check(m_value.isObject(), u"must be an object"_s);
-        for (const QString &name : m_value.toObject().keys()) {
-            if (std::find(names.begin(), names.end(), name) == names.end())
-                Value(m_source, memberPath(m_path, name), {}).refuse(u"is unknown here"_s);
+        for (const QString &given : m_value.toObject().keys()) {
+            if (std::find(names.begin(), names.end(), given) == names.end())
+                Value(m_source, memberPath(m_path, given), {}).refuse(u"is unknown here"_s);
         }
     }
     bool has(QLatin1StringView name) const { return m_value.toObject().contains(name); }
