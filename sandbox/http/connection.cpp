@@ -46,6 +46,8 @@ HttpConnection::HttpConnection(QTcpSocket *socket, QObject *parent)
     m_socket->setReadBufferSize(largestPart);
     m_socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     m_timer.setSingleShot(true);
+    // A coarse timer may come too early.
+    m_timer.setTimerType(Qt::PreciseTimer);
     connect(&m_timer, &QTimer::timeout, this,
             [this] { m_state == Sending ? start() : m_socket->abort(); });
     connect(m_socket, &QTcpSocket::readyRead, this, &HttpConnection::read);
