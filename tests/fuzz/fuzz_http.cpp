@@ -68,7 +68,7 @@ private:
 class HostileServer
 {
 public:
-    HostileServer(const QList<QByteArray> &answers, const Ending &ending)
+    HostileServer(const QList<QByteArray> &answers, Ending ending)
         : m_answers(answers)
         , m_ending(ending)
     {
