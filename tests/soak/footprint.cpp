@@ -43,5 +43,5 @@ bool Footprint::countsMemory()
 {
     const qint64 before = heapBytes();
     const QByteArray block(10'000, 'x');
-    return heapBytes() > before;
+    return heapBytes() > before && !block.isNull();
 }
