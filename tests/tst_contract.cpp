@@ -394,7 +394,7 @@ void tst_Contract::everyStatusOfTheSandboxIsInTheContract()
         described.append(example.status);
 
     QSet<int> unknown;
-    static const QRegularExpression status(u"(?<!\\d)[2-5]\\d\\d(?!\\d)"_s);
+    static const QRegularExpression status(u"\\b[2-5]\\d\\d\\b"_s);
     for (const QRegularExpressionMatch &match : status.globalMatch(sandboxSources())) {
         const int number = match.captured().toInt();
         if (!described.contains(number))
@@ -936,6 +936,8 @@ void tst_Contract::query(const QString &sql) const
         database.setDatabaseName(path(u"state.sqlite"_s));
         QVERIFY(database.open());
         QSqlQuery query(database);
+        // A table that is renamed is missed by the views.
+        QVERIFY(query.exec(u"PRAGMA legacy_alter_table = ON"_s));
         QVERIFY2(query.exec(sql), qUtf8Printable(query.lastError().text()));
     }
     QSqlDatabase::removeDatabase(u"change"_s);
