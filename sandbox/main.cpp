@@ -12,11 +12,11 @@
 #include "state/data.h"
 #include "state/releases.h"
 #include "state/store.h"
+#include "json/jsoninput.h"
 
 #include <QtCore/qcommandlineparser.h>
 #include <QtCore/qcoreapplication.h>
 #include <QtCore/qfileinfo.h>
-#include <QtCore/qjsondocument.h>
 #include <QtCore/qsocketnotifier.h>
 #include <QtCore/qurl.h>
 #include <QtNetwork/qhostaddress.h>
@@ -114,7 +114,7 @@ QString urlOf(const QHostAddress &host, quint16 port)
 // An address that stands for all of the machine's is none that a client could connect to.
 bool isWildcard(const QHostAddress &host)
 {
-    return host == QHostAddress::AnyIPv4 || host == QHostAddress::AnyIPv6;
+    return QList<QHostAddress>{QHostAddress::AnyIPv4, QHostAddress::AnyIPv6}.contains(host);
 }
 
 const QString notLoaded = u"\"%1\" was not loaded: \"%2\" holds data already."_s;
@@ -158,26 +158,15 @@ int serve(QCoreApplication &application, const Settings &settings)
 // Those that are spelt out come first.
 QList<FaultRule> faultsFrom(const QStringList &texts, const QStringList &names)
 {
-    QJsonArray array;
+    QList<FaultRule> rules;
     for (const QString &text : texts) {
-        QJsonParseError error;
-        const QJsonDocument document = QJsonDocument::fromJson(text.toUtf8(), &error);
-        if (error.error != QJsonParseError::NoError) {
-            throw FaultError(u"faults[%1]: is not JSON: %2 at %3"_s
-                                 .arg(QString::number(array.size()), error.errorString(),
-                                      QString::number(error.offset))
-                                 .toStdString());
-        }
-        array.append(document.isObject() ? QJsonValue(document.object()) : document.array());
+        const QString path = JsonInput::elementPath(u"faults"_s, rules.size());
+        rules += faultRuleFrom(JsonInput::fromJson(text.toUtf8(), path));
     }
-    QList<FaultRule> rules = faultRulesFrom(array, u"faults"_s);
-
     for (const QString &name : names) {
         const std::optional<Scenario> scenario = scenarioNamed(name);
-        if (!scenario) {
-            throw FaultError(
-                u"\"%1\" is no scenario: see --list-scenarios"_s.arg(name).toStdString());
-        }
+        if (!scenario)
+            throw JsonError({}, u"\"%1\" is no scenario: see --list-scenarios"_s.arg(name));
         rules += scenario->rules;
     }
     return rules;
@@ -276,7 +265,7 @@ int main(int argc, char *argv[])
                       parser.isSet(maskOption)};
     try {
         settings.faults = faultsFrom(parser.values(faultOption), parser.values(scenarioOption));
-    } catch (const FaultError &error) {
+    } catch (const JsonError &error) {
         return fail(WrongUsage, QString::fromUtf8(error.what()) + u'.' + seeHelp);
     }
     if (parser.isSet(databaseOption) && settings.database.isEmpty()) {

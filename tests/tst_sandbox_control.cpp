@@ -77,12 +77,12 @@ void tst_SandboxControl::refuses_data()
     row("not-json", "POST", "/faults", "{", 400, "the body is not JSON: unterminated object at 1");
     row("no-body", "POST", "/faults", "", 400, "the body is not JSON: illegal value at 0");
     row("array", "POST", "/faults", "[]", 400, "the body must be an object");
-    row("no-faults", "POST", "/faults", "{}", 400, "faults: is missing");
+    row("no-faults", "POST", "/faults", "{}", 400, "the body has no \"faults\"");
     row("unknown-member", "POST", "/faults", R"({"fault":[]})", 400,
         "fault: is not known; there are faults");
     row("faults-are-an-object", "POST", "/faults", R"({"faults":{}})", 400,
         "faults: must be an array");
-    row("no-name", "POST", "/scenario", "{}", 400, "name: is missing");
+    row("no-name", "POST", "/scenario", "{}", 400, "the body has no \"name\"");
     row("since-negative", "GET", "/journal?since=-1", "", 400,
         "since: must be a whole number from 0 to 9223372036854775807");
     row("since-empty", "GET", "/journal?since=", "", 400,

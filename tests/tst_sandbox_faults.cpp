@@ -152,7 +152,7 @@ void tst_SandboxFaults::wrongRulesAreRefused_data()
     const QString operations = u"update-check, download, plans, start, resume, capture, usage, "
                                "approval, any"_s;
     row("no-object", "7", u": must be an object"_s);
-    row("nothing", "{}", u".do: must be an object"_s);
+    row("nothing", "{}", u": has no \"do\""_s);
     row("no-effect", R"({"do":{}})", u".do: must say what happens"_s);
     row("unknown-member", R"({"what":1,"do":{"status":500}})",
         u".what: is not known; there are operation, when, do"_s);
@@ -166,30 +166,33 @@ void tst_SandboxFaults::wrongRulesAreRefused_data()
     const struct
     {
         const char *name;
-        int least;
-    } numbers[] = {{"skip", 0}, {"times", 1}, {"every", 1}, {"seed", 0}};
-    for (const auto &[name, least] : numbers) {
-        for (const QByteArray &value : {QByteArray::number(least - 1), QByteArray("1.5"),
-                                        QByteArray("\"1\""), QByteArray("null")})
+        qint64 least;
+        qint64 most;
+    } numbers[] = {{"skip", 0, 1'000'000'000},
+                   {"times", 1, 1'000'000'000},
+                   {"every", 1, 1'000'000'000},
+                   {"seed", 0, 4'294'967'295}};
+    for (const auto &[name, least, most] : numbers) {
+        for (const QByteArray &value : {QByteArray::number(least - 1), QByteArray::number(most + 1),
+                                        QByteArray("1.5"), QByteArray("\"1\""), QByteArray("null")})
         {
             const QByteArray rule =
                 QByteArray("{\"when\":{\"") + name + "\":" + value + "},\"do\":{\"status\":500}}";
             QTest::addRow("%s-%s", name, value.constData())
                 << rule
-                << u"faults[1].when.%1: must be a whole number of at least %2"_s.arg(
-                       QString::fromLatin1(name), QString::number(least));
+                << u"faults[1].when.%1: must be a whole number from %2 to %3"_s.arg(
+                       QString::fromLatin1(name), QString::number(least), QString::number(most));
         }
     }
-    row("seed-too-large", R"({"when":{"seed":4294967296},"do":{"status":500}})",
-        u".when.seed: must be at most 4294967295"_s);
     for (const char *value : {"-0.1", "1.1", "\"1\""}) {
         QTest::addRow("probability-%s", value)
             << QByteArray(R"({"when":{"probability":)") + value + R"(},"do":{"status":500}})"
             << u"faults[1].when.probability: must be a number from 0 to 1"_s;
     }
     row("status-too-small", R"({"do":{"status":199}})",
-        u".do.status: must be a whole number of at least 200"_s);
-    row("status-too-large", R"({"do":{"status":600}})", u".do.status: must be at most 599"_s);
+        u".do.status: must be a whole number from 200 to 599"_s);
+    row("status-too-large", R"({"do":{"status":600}})",
+        u".do.status: must be a whole number from 200 to 599"_s);
     row("two-bodies", R"({"do":{"error":"a","page":"b"}})",
         u".do.page: cannot stand beside error"_s);
     row("error-is-a-number", R"({"do":{"error":1}})", u".do.error: must be a text"_s);
@@ -205,10 +208,11 @@ void tst_SandboxFaults::wrongRulesAreRefused_data()
     row("header-name-with-colon", R"({"do":{"headers":{"A:":"b"}}})", u".do.headers.A:"_s + header);
     row("merge-is-a-text", R"({"do":{"merge":"a"}})", u".do.merge: must be an object"_s);
     row("delay-is-negative", R"({"do":{"delay":-1}})",
-        u".do.delay: must be a whole number of at least 0"_s);
-    row("delay-too-long", R"({"do":{"delay":600001}})", u".do.delay: must be at most 600000"_s);
+        u".do.delay: must be a whole number from 0 to 600000"_s);
+    row("delay-too-long", R"({"do":{"delay":600001}})",
+        u".do.delay: must be a whole number from 0 to 600000"_s);
     row("rate-is-zero", R"({"do":{"rate":0}})",
-        u".do.rate: must be a whole number of at least 1"_s);
+        u".do.rate: must be a whole number from 1 to 1099511627776"_s);
     row("unknown-bytes", R"({"do":{"bytes":"some"}})",
         u".do.bytes: must be one of reset, close, stall, garbage, wrong-length, corrupt, "
         "one-at-a-time"_s);
@@ -237,7 +241,7 @@ void tst_SandboxFaults::wrongArgumentsAreRefused_data()
                               << u"faults[0]: is not JSON: unterminated object at 1"_s;
     QTest::newRow("second") << QStringList{u"--fault"_s, u"{\"do\":{\"status\":500}}"_s,
                                            u"--fault"_s, u"{\"do\":{\"status\":1}}"_s}
-                            << u"faults[1].do.status: must be a whole number of at least 200"_s;
+                            << u"faults[1].do.status: must be a whole number from 200 to 599"_s;
     QTest::newRow("list") << QStringList{u"--fault"_s, u"[]"_s}
                           << u"faults[0]: must be an object"_s;
     QTest::newRow("scenario") << QStringList{u"--scenario"_s, u"rain"_s}

@@ -464,7 +464,8 @@ void tst_SandboxState::wrongDataIsRefused_data()
     row("empty", "", "1: "_L1 + noJson(""));
     row("syntax", "{\n\n\"products\": [}", "3: "_L1 + noJson("{\n\n\"products\": [}"));
     row("array", "\n[]", u"2: must be an object"_s);
-    row("unknown-list", "{\n \"licences\": []}", u"2: licences: is unknown here"_s);
+    row("unknown-list", "{\n \"licences\": []}",
+        u"2: licences: is not known; there are products, plans, orders, usage_events"_s);
     row("no-list", "{\"products\": {}}", u"1: products: must be an array"_s);
     row("no-object", "{\"products\": [\n1]}", u"2: products[0]: must be an object"_s);
     row("twice", "{\"products\": [],\n\"plans\": [],\n\"products\": []}",
@@ -492,7 +493,7 @@ void tst_SandboxState::wrongDataIsRefused_data()
         R"({"product_code": "P", "name": "2"}]})",
         u"2: products[1].product_code: is taken already"_s);
     row("product-of-more", R"({"products": [{"product_code": "P", "name": "1", "plan": 2}]})",
-        u"1: products[0].plan: is unknown here"_s);
+        u"1: products[0].plan: is not known; there are product_code, name"_s);
 
     const auto plan = [&](const QByteArray &code, const QByteArray &price,
                           const QByteArray &currency, const QByteArray &more = {}) {
@@ -597,7 +598,9 @@ void tst_SandboxState::wrongDataIsRefused_data()
         u"5: usage_events[0].payload: must be an object"_s);
     row("event-time", event(R"(, "received_at": 5)"),
         u"5: usage_events[0].received_at: must be a text"_s);
-    row("event-of-more", event(R"(, "type": 5)"), u"5: usage_events[0].type: is unknown here"_s);
+    row("event-of-more", event(R"(, "type": 5)"),
+        u"5: usage_events[0].type: is not known; there are product_code, license_key, "
+        "machine_fingerprint, event_type, payload, received_at"_s);
 }
 
 void tst_SandboxState::wrongDataIsRefused()

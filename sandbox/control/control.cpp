@@ -2,12 +2,12 @@
 
 #include "endpoints/service.h"
 #include "faults/faults.h"
-#include "faults/jsonreader.h"
 #include "faults/scenarios.h"
 #include "http/connection.h"
 #include "journal/journal.h"
 #include "journal/mask.h"
 #include "state/store.h"
+#include "json/jsoninput.h"
 
 #include <QtCore/qjsonarray.h>
 #include <QtCore/qjsondocument.h>
@@ -32,28 +32,12 @@ bool isThisMachine(const QByteArray &host)
     return name == "localhost"_L1 || !QHostAddress(name).isNull();
 }
 
-QJsonValue jsonOf(const HttpRequest &request)
+// The member of the body that is its only one.
+JsonInput memberOfBody(const HttpRequest &request, const QString &name)
 {
-    QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson(request.body, &error);
-    if (error.error != QJsonParseError::NoError) {
-        throw FaultError(u"the body is not JSON: %1 at %2"_s
-                             .arg(error.errorString(), QString::number(error.offset))
-                             .toStdString());
-    }
-    return document.isObject() ? QJsonValue(document.object()) : QJsonValue(document.array());
-}
-
-// Of the body; its members go by their names alone.
-JsonReader readerOf(const HttpRequest &request, const QString &member)
-{
-    const QJsonValue value = jsonOf(request);
-    if (!value.isObject())
-        throw FaultError("the body must be an object");
-    const JsonReader reader(value, {}, {member});
-    if (!reader.has(member))
-        JsonReader::fail(member, u"is missing"_s);
-    return reader;
+    const JsonInput body = JsonInput::fromJson(request.body);
+    body.isObjectOf({name});
+    return body.member(name);
 }
 
 qint64 numberIn(const HttpRequest &request, const QString &name, qint64 most)
@@ -63,7 +47,7 @@ qint64 numberIn(const HttpRequest &request, const QString &name, qint64 most)
     const qint64 number = text.toLongLong(&isNumber);
     if (text.isNull() || (isNumber && number >= 0 && number <= most))
         return number;
-    JsonReader::fail(name, u"must be a whole number from 0 to %1"_s.arg(most));
+    throw JsonError(name, u"must be a whole number from 0 to %1"_s.arg(most));
 }
 
 } // namespace
@@ -102,8 +86,11 @@ void Control::answer(HttpConnection *connection)
         HttpReply reply = Service::refusal(refusal.status, refusal.message);
         reply.headers += refusal.headers;
         connection->send(reply);
-    } catch (const FaultError &error) {
-        connection->send(Service::refusal(400, QString::fromUtf8(error.what())));
+    } catch (const JsonError &error) {
+        connection->send(Service::refusal(400,
+                                          error.path().isEmpty()
+                                              ? "the body "_L1 + error.reason()
+                                              : QString::fromUtf8(error.what())));
     } catch (const StoreError &error) {
         qWarning("%s: %s", connection->request().path().constData(), error.what());
         connection->send(Service::refusal(500, QString::fromUtf8(error.what())));
@@ -153,8 +140,7 @@ void Control::showFaults(HttpConnection *connection)
 
 void Control::addFaults(HttpConnection *connection)
 {
-    const QString member = u"faults"_s;
-    m_faults.add(faultRulesFrom(readerOf(connection->request(), member).value(member), member));
+    m_faults.add(faultRulesFrom(memberOfBody(connection->request(), u"faults"_s)));
     showFaults(connection);
 }
 
@@ -179,9 +165,7 @@ void Control::showScenarios(HttpConnection *connection)
 
 void Control::startScenario(HttpConnection *connection)
 {
-    const QString member = u"name"_s;
-    const JsonReader reader = readerOf(connection->request(), member);
-    const QString name = reader.oneOf(member, scenarioNames()).value_or(QString());
+    const QString name = memberOfBody(connection->request(), u"name"_s).oneOf(scenarioNames());
     m_faults.clear();
     m_faults.add(scenarioNamed(name)->rules);
     showFaults(connection);

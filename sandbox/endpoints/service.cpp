@@ -116,7 +116,7 @@ Service::Service(Store &store, Releases &releases, const QString &address, bool 
 Operation Service::operationOf(const HttpRequest &request)
 {
     const QStringList path = pathParts(request);
-    const auto route =
+    const auto *const route =
         std::find_if(std::begin(routes), std::end(routes), [&](const Route &candidate) {
             return candidate.method == request.method && match(path, candidate.path);
         });

@@ -40,8 +40,8 @@ private:
     // A handler gets the decoded parts of the path that stand for the route's stars.
     struct Route
     {
-        Operation operation;
-        const char *method;
+        Operation operation = Operation::Other;
+        const char *method = nullptr;
         QLatin1StringView path;
         HttpReply (Service::*handler)(const HttpRequest &request,
                                       const QStringList &parts) = nullptr;

@@ -1,7 +1,7 @@
 #include "faults/faultrule.h"
 
 #include "endpoints/service.h"
-#include "faults/jsonreader.h"
+#include "json/jsoninput.h"
 
 #include <QtCore/qjsondocument.h>
 
@@ -19,7 +19,7 @@ constexpr qint64 manyBytes = 1LL << 40;
 struct Flaw
 {
     QLatin1StringView name;
-    Delivery::Flaw flaw;
+    Delivery::Flaw flaw = Delivery::None;
 };
 
 constexpr Flaw flaws[] = {
@@ -35,17 +35,21 @@ constexpr Flaw flaws[] = {
 // Members that say what is answered in the service's place.
 const QStringList bodies{u"error"_s, u"page"_s, u"body"_s, u"redirect"_s};
 
-void readWhen(FaultRule &rule, const QJsonValue &value, const QString &path)
+void readWhen(FaultRule &rule, const JsonInput &when)
 {
-    const JsonReader reader(value, path,
-                            {u"skip"_s, u"times"_s, u"every"_s, u"probability"_s, u"seed"_s});
-    rule.skip = reader.wholeNumber(u"skip"_s, 0, manyTimes).value_or(rule.skip);
-    rule.times = reader.wholeNumber(u"times"_s, 1, manyTimes);
-    rule.every = reader.wholeNumber(u"every"_s, 1, manyTimes).value_or(rule.every);
-    rule.probability = reader.share(u"probability"_s).value_or(rule.probability);
-    constexpr qint64 largestSeed = std::numeric_limits<quint32>::max();
-    rule.seed =
-        static_cast<quint32>(reader.wholeNumber(u"seed"_s, 0, largestSeed).value_or(rule.seed));
+    when.isObjectOf({u"skip"_s, u"times"_s, u"every"_s, u"probability"_s, u"seed"_s});
+    if (when.has(u"skip"_s))
+        rule.skip = when.member(u"skip"_s).wholeNumber(0, manyTimes);
+    if (when.has(u"times"_s))
+        rule.times = when.member(u"times"_s).wholeNumber(1, manyTimes);
+    if (when.has(u"every"_s))
+        rule.every = when.member(u"every"_s).wholeNumber(1, manyTimes);
+    if (when.has(u"probability"_s))
+        rule.probability = when.member(u"probability"_s).share();
+    if (when.has(u"seed"_s)) {
+        constexpr qint64 largest = std::numeric_limits<quint32>::max();
+        rule.seed = static_cast<quint32>(when.member(u"seed"_s).wholeNumber(0, largest));
+    }
 }
 
 HttpReply replyOf(int status, const QByteArray &type, const QByteArray &body)
@@ -60,89 +64,102 @@ bool isHeaderText(const QString &text)
                        [](QChar c) { return c == u'\t' || (c >= u' ' && c < u'\x7f'); });
 }
 
-HttpReply bodyReply(const JsonReader &reader, int status)
+HttpReply bodyReply(const JsonInput &body, int status)
 {
-    const QJsonValue body = reader.value(u"body"_s);
-    if (body.isObject()) {
+    if (body.value().isObject()) {
         return replyOf(status, "application/json",
-                       QJsonDocument(body.toObject()).toJson(QJsonDocument::Compact));
+                       QJsonDocument(body.object()).toJson(QJsonDocument::Compact));
     }
-    if (!body.isString())
-        JsonReader::fail(reader.pathOf(u"body"_s), u"must be a text or an object"_s);
-    return replyOf(status, "text/plain; charset=utf-8", body.toString().toUtf8());
+    body.check(body.value().isString(), u"must be a text or an object"_s);
+    return replyOf(status, "text/plain; charset=utf-8", body.text().toUtf8());
 }
 
-std::optional<HttpReply> replyFrom(const JsonReader &reader)
+HttpReply redirectTo(const JsonInput &place, int status)
+{
+    place.check(isHeaderText(place.text()), u"must be a URL in ASCII"_s);
+    return {status, {{"Location", place.text().toLatin1()}}, {}};
+}
+
+std::optional<HttpReply> replyFrom(const JsonInput &effect)
 {
     QStringList given;
     std::copy_if(bodies.begin(), bodies.end(), std::back_inserter(given),
-                 [&reader](const QString &name) { return reader.has(name); });
+                 [&effect](const QString &name) { return effect.has(name); });
     if (given.size() > 1)
-        JsonReader::fail(reader.pathOf(given.at(1)), u"cannot stand beside "_s + given.at(0));
+        effect.member(given.at(1)).refuse(u"cannot stand beside "_s + given.at(0));
 
-    const std::optional<qint64> status = reader.wholeNumber(u"status"_s, 200, 599);
-    const auto statusOr = [&status](int usual) { return static_cast<int>(status.value_or(usual)); };
-    if (given.isEmpty())
-        return status ? std::make_optional(HttpReply{statusOr(0), {}, {}}) : std::nullopt;
-    if (const std::optional<QString> error = reader.text(u"error"_s))
-        return Service::refusal(statusOr(500), *error);
-    if (const std::optional<QString> page = reader.text(u"page"_s))
-        return replyOf(statusOr(200), "text/html; charset=utf-8", page->toUtf8());
-    if (const std::optional<QString> place = reader.text(u"redirect"_s)) {
-        if (!isHeaderText(*place))
-            JsonReader::fail(reader.pathOf(u"redirect"_s), u"must be a URL in ASCII"_s);
-        return HttpReply{statusOr(302), {{"Location", place->toLatin1()}}, {}};
-    }
-    return bodyReply(reader, statusOr(200));
+    const auto statusOr = [&effect](int usual) {
+        return effect.has(u"status"_s)
+            ? static_cast<int>(effect.member(u"status"_s).wholeNumber(200, 599))
+            : usual;
+    };
+    if (effect.has(u"error"_s))
+        return Service::refusal(statusOr(500), effect.member(u"error"_s).text());
+    if (effect.has(u"page"_s))
+        return replyOf(statusOr(200), "text/html; charset=utf-8",
+                       effect.member(u"page"_s).text().toUtf8());
+    if (effect.has(u"redirect"_s))
+        return redirectTo(effect.member(u"redirect"_s), statusOr(302));
+    if (effect.has(u"body"_s))
+        return bodyReply(effect.member(u"body"_s), statusOr(200));
+    if (effect.has(u"status"_s))
+        return HttpReply{statusOr(0), {}, {}};
+    return std::nullopt;
 }
 
-QJsonObject headersFrom(const JsonReader &reader)
+QJsonObject headersFrom(const JsonInput &headers)
 {
-    const QJsonObject headers = reader.objectAt(u"headers"_s).value_or(QJsonObject());
-    for (auto header = headers.begin(); header != headers.end(); ++header) {
+    const QJsonObject object = headers.object();
+    for (auto header = object.begin(); header != object.end(); ++header) {
+        const QString name = header.key();
+        const bool isName =
+            !name.isEmpty() && !name.contains(u':') && !name.contains(u' ') && isHeaderText(name);
         const bool isValue =
             header->isNull() || (header->isString() && isHeaderText(header->toString()));
-        const QString name = header.key();
-        if (name.isEmpty() || name.contains(u':') || name.contains(u' ') || !isHeaderText(name)
-            || !isValue)
-            JsonReader::fail(reader.pathOf(u"headers."_s + name),
-                             u"must be a header's name with a text in ASCII, or null"_s);
+        headers.member(name).check(isName && isValue,
+                                   u"must be a header's name with a text in ASCII, or null"_s);
     }
-    return headers;
+    return object;
 }
 
-Delivery deliveryFrom(const JsonReader &reader)
+Delivery deliveryFrom(const JsonInput &effect)
 {
     Delivery delivery;
-    delivery.delay =
-        std::chrono::milliseconds(reader.wholeNumber(u"delay"_s, 0, longestDelay).value_or(0));
-    delivery.rate = reader.wholeNumber(u"rate"_s, 1, manyBytes).value_or(0);
+    if (effect.has(u"delay"_s)) {
+        delivery.delay =
+            std::chrono::milliseconds(effect.member(u"delay"_s).wholeNumber(0, longestDelay));
+    }
+    if (effect.has(u"rate"_s))
+        delivery.rate = effect.member(u"rate"_s).wholeNumber(1, manyBytes);
 
-    QStringList names;
-    for (const Flaw &flaw : flaws)
-        names += flaw.name;
-    if (const std::optional<QString> bytes = reader.oneOf(u"bytes"_s, names)) {
-        delivery.flaw = flaws[names.indexOf(*bytes)].flaw;
+    if (effect.has(u"bytes"_s)) {
+        QStringList names;
+        for (const Flaw &flaw : flaws)
+            names += flaw.name;
+        const QString name = effect.member(u"bytes"_s).oneOf(names);
+        delivery.flaw = flaws[names.indexOf(name)].flaw;
         delivery.bytewise = delivery.flaw == Delivery::None;
     }
-    delivery.after = reader.wholeNumber(u"after"_s, 0, manyBytes).value_or(-1);
-    if (delivery.after >= 0 && delivery.flaw != Delivery::Close && delivery.flaw != Delivery::Stall)
-        JsonReader::fail(reader.pathOf(u"after"_s), u"needs \"bytes\": \"close\" or \"stall\""_s);
+    if (effect.has(u"after"_s)) {
+        const JsonInput after = effect.member(u"after"_s);
+        delivery.after = after.wholeNumber(0, manyBytes);
+        after.check(delivery.flaw == Delivery::Close || delivery.flaw == Delivery::Stall,
+                    u"needs \"bytes\": \"close\" or \"stall\""_s);
+    }
     return delivery;
 }
 
-void readDo(FaultRule &rule, const QJsonValue &value, const QString &path)
+void readDo(FaultRule &rule, const JsonInput &effect)
 {
-    const JsonReader reader(
-        value, path,
-        QStringList{u"delay"_s, u"status"_s} + bodies
-            + QStringList{u"headers"_s, u"merge"_s, u"bytes"_s, u"after"_s, u"rate"_s});
-    if (reader.object().isEmpty())
-        JsonReader::fail(path, u"must say what happens"_s);
-    rule.reply = replyFrom(reader);
-    rule.headers = headersFrom(reader);
-    rule.merge = reader.objectAt(u"merge"_s).value_or(QJsonObject());
-    rule.delivery = deliveryFrom(reader);
+    effect.isObjectOf(QStringList{u"delay"_s, u"status"_s} + bodies
+                      + QStringList{u"headers"_s, u"merge"_s, u"bytes"_s, u"after"_s, u"rate"_s});
+    effect.check(!effect.object().isEmpty(), u"must say what happens"_s);
+    rule.reply = replyFrom(effect);
+    if (effect.has(u"headers"_s))
+        rule.headers = headersFrom(effect.member(u"headers"_s));
+    if (effect.has(u"merge"_s))
+        rule.merge = effect.member(u"merge"_s).object();
+    rule.delivery = deliveryFrom(effect);
 }
 
 // Members of the patch replace those of the object, objects within objects included, and null takes
@@ -180,29 +197,27 @@ HttpReply FaultRule::changed(HttpReply original) const
     return original;
 }
 
-FaultRule faultRuleFrom(const QJsonValue &value, const QString &path)
+FaultRule faultRuleFrom(const JsonInput &input)
 {
-    const JsonReader reader(value, path, {u"operation"_s, u"when"_s, u"do"_s});
-    QStringList operations = operationNames();
-    operations.replace(operations.indexOf(nameOf(Operation::Other)), u"any"_s);
-
+    input.isObjectOf({u"operation"_s, u"when"_s, u"do"_s});
     FaultRule rule;
-    rule.json = reader.object();
-    if (const std::optional<QString> name = reader.oneOf(u"operation"_s, operations))
-        rule.operation = operationFrom(*name);
-    if (reader.has(u"when"_s))
-        readWhen(rule, reader.value(u"when"_s), reader.pathOf(u"when"_s));
-    readDo(rule, reader.value(u"do"_s), reader.pathOf(u"do"_s));
+    rule.json = input.object();
+    if (input.has(u"operation"_s)) {
+        QStringList operations = operationNames();
+        operations.replace(operations.indexOf(nameOf(Operation::Other)), u"any"_s);
+        rule.operation = operationFrom(input.member(u"operation"_s).oneOf(operations));
+    }
+    if (input.has(u"when"_s))
+        readWhen(rule, input.member(u"when"_s));
+    readDo(rule, input.member(u"do"_s));
     return rule;
 }
 
-QList<FaultRule> faultRulesFrom(const QJsonValue &value, const QString &path)
+QList<FaultRule> faultRulesFrom(const JsonInput &input)
 {
-    if (!value.isArray())
-        JsonReader::fail(path, u"must be an array"_s);
     QList<FaultRule> rules;
-    const QJsonArray array = value.toArray();
-    for (qsizetype i = 0; i < array.size(); ++i)
-        rules += faultRuleFrom(array.at(i), u"%1[%2]"_s.arg(path, QString::number(i)));
+    const QList<JsonInput> elements = input.elements();
+    for (const JsonInput &element : elements)
+        rules += faultRuleFrom(element);
     return rules;
 }

@@ -5,19 +5,12 @@
 #include "http/delivery.h"
 #include "http/message.h"
 
-#include <QtCore/qjsonarray.h>
 #include <QtCore/qjsonobject.h>
+#include <QtCore/qlist.h>
 
 #include <optional>
-#include <stdexcept>
 
-// A rule that makes no sense. The text names the place in the JSON and what belongs there.
-// Copied when it is thrown.
-class FaultError : public std::runtime_error // clazy:exclude=copyable-polymorphic
-{
-public:
-    using std::runtime_error::runtime_error;
-};
+class JsonInput;
 
 // What goes wrong, and when. As JSON, with all members but "do" optional:
 //
@@ -77,8 +70,8 @@ struct FaultRule
     HttpReply changed(HttpReply original) const;
 };
 
-// Throws a FaultError. The path is the value's own place.
-FaultRule faultRuleFrom(const QJsonValue &value, const QString &path);
-QList<FaultRule> faultRulesFrom(const QJsonValue &value, const QString &path);
+// Throw a JsonError.
+FaultRule faultRuleFrom(const JsonInput &input);
+QList<FaultRule> faultRulesFrom(const JsonInput &input);
 
 #endif // FAULTRULE_H

@@ -1,5 +1,7 @@
 #include "faults/faults.h"
 
+#include <QtCore/qjsonarray.h>
+
 using namespace Qt::StringLiterals;
 
 Faults::Faults(const QList<FaultRule> &initial)

@@ -1,6 +1,6 @@
 #include "faults/scenarios.h"
 
-#include <QtCore/qjsondocument.h>
+#include "json/jsoninput.h"
 
 #include <algorithm>
 
@@ -81,7 +81,7 @@ constexpr Entry entries[] = {
 Scenario scenarioFrom(const Entry &entry)
 {
     const QString name = QString::fromUtf8(entry.name);
-    QList<FaultRule> rules = faultRulesFrom(QJsonDocument::fromJson(entry.rules).array(), name);
+    QList<FaultRule> rules = faultRulesFrom(JsonInput::fromJson(entry.rules, name));
     for (FaultRule &rule : rules)
         rule.json.insert("scenario"_L1, name);
     return {name, QString::fromUtf8(entry.sentence), rules};

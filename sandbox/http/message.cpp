@@ -84,7 +84,7 @@ QByteArray reasonPhrase(int status)
         {505, "HTTP Version Not Supported"},
         {511, "Network Authentication Required"},
     };
-    const auto known =
+    const auto *const known =
         std::find_if(std::begin(phrases), std::end(phrases),
                      [status](const auto &candidate) { return candidate.status == status; });
     return known == std::end(phrases) ? QByteArray() : QByteArray(known->phrase);

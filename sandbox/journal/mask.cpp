@@ -52,7 +52,7 @@ QString masked(const QString &text)
         uR"re([^\s"'<>(),;:&=?/\\@]+(?:@|%40)[^\s"'<>(),;:&=?/\\@]+)re"_s);
     static const QRegularExpression key(u"\\b[2-9A-Z]{4}(?:-[2-9A-Z]{4}){3}\\b"_s);
     QString result = text;
-    result.replace(member, "\\1"_L1 + maskText());
+    result.replace(member, R"(\1)"_L1 + maskText());
     result.replace(address, maskText());
     result.replace(key, maskText());
     return result;

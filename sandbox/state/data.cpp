@@ -1,5 +1,7 @@
 #include "state/data.h"
 
+#include "json/jsoninput.h"
+
 #include <QtCore/qdatetime.h>
 #include <QtCore/qfile.h>
 #include <QtCore/qhash.h>
@@ -9,7 +11,6 @@
 #include <QtCore/qset.h>
 
 #include <algorithm>
-#include <initializer_list>
 
 using namespace Qt::StringLiterals;
 
@@ -18,7 +19,7 @@ const QString demoData = u":/data/demo.json"_s;
 namespace {
 
 // Leaves room for the ids that follow: the library reads 32 bits.
-constexpr double highestId = 999'999'999;
+constexpr int highestId = 999'999'999;
 
 [[noreturn]] void fail(const QString &message)
 {
@@ -30,16 +31,6 @@ constexpr double highestId = 999'999'999;
 {
     const QString place = path.isEmpty() ? QString() : path + ": "_L1;
     fail(fileName + u':' + QString::number(line) + ": "_L1 + place + reason);
-}
-
-QString memberPath(const QString &path, const QString &member)
-{
-    return path.isEmpty() ? member : path + u'.' + member;
-}
-
-QString elementPath(const QString &path, qsizetype index)
-{
-    return path + u'[' + QString::number(index) + u']';
 }
 
 // The line of every value, by its path. Qt's parser has accepted the text and forgets the lines.
@@ -78,7 +69,8 @@ private:
             const QByteArray name = '[' + string() + ']';
             next();
             take(); // the colon
-            value(memberPath(path, QJsonDocument::fromJson(name).array().at(0).toString()));
+            value(JsonInput::memberPath(path,
+                                        QJsonDocument::fromJson(name).array().at(0).toString()));
             skipComma();
         }
         take();
@@ -87,7 +79,7 @@ private:
     {
         take();
         for (qsizetype index = 0; next() != ']'; ++index) {
-            value(elementPath(path, index));
+            value(JsonInput::elementPath(path, index));
             skipComma();
         }
         take();
@@ -134,229 +126,162 @@ private:
     qsizetype m_line = 1;
 };
 
-// What one file holds.
-struct Source
+QString nameFrom(const JsonInput &input)
 {
-    QString fileName;
-    Lines lines;
-};
+    input.check(!input.text().trimmed().isEmpty(), u"must not be empty"_s);
+    return input.text();
+}
 
-// A value of the file. What it is asked for, it has, or it is refused.
-class Value
+// The library sends keys trimmed, and codes in upper case, too.
+QString keyFrom(const JsonInput &input)
 {
-public:
-    Value(const Source *source, const QString &path, const QJsonValue &value)
-        : m_source(source)
-        , m_path(path)
-        , m_value(value)
-    {
-    }
+    input.check(nameFrom(input) == input.text().trimmed(), u"must have no blanks around it"_s);
+    return input.text();
+}
 
-    [[noreturn]] void refuse(const QString &reason) const
-    {
-        fail(m_source->fileName, m_source->lines.at(m_path), m_path, reason);
-    }
-    void check(bool isRight, const QString &rule) const
-    {
-        if (!isRight)
-            refuse(rule);
-    }
+QString codeFrom(const JsonInput &input)
+{
+    input.check(keyFrom(input) == input.text().toUpper(), u"must be in upper case"_s);
+    return input.text();
+}
 
-    void isObjectOf(std::initializer_list<QLatin1StringView> names) const
-    {
-        check(m_value.isObject(), u"must be an object"_s);
-        for (const QString &given : m_value.toObject().keys()) {
-            if (std::find(names.begin(), names.end(), given) == names.end())
-                Value(m_source, memberPath(m_path, given), {}).refuse(u"is unknown here"_s);
-        }
-    }
-    bool has(QLatin1StringView name) const { return m_value.toObject().contains(name); }
-    Value member(QLatin1StringView name) const
-    {
-        check(has(name), u"has no \"%1\""_s.arg(name));
-        return {m_source, memberPath(m_path, name), m_value.toObject().value(name)};
-    }
-    QList<Value> elementsOf(QLatin1StringView name) const
-    {
-        QList<Value> values;
-        if (!has(name))
-            return values;
-        const Value list = member(name);
-        list.check(list.m_value.isArray(), u"must be an array"_s);
-        const QJsonArray array = list.m_value.toArray();
-        for (qsizetype i = 0; i < array.size(); ++i)
-            values.append({m_source, elementPath(list.m_path, i), array.at(i)});
-        return values;
-    }
+QString priceFrom(const JsonInput &input)
+{
+    static const QRegularExpression pattern(u"\\A[0-9]+\\.[0-9]{2}\\z"_s);
+    input.check(pattern.match(input.text()).hasMatch(), u"must be an amount such as \"9.90\""_s);
+    return input.text();
+}
 
-    QJsonObject object() const
-    {
-        check(m_value.isObject(), u"must be an object"_s);
-        return m_value.toObject();
-    }
-    QString text() const
-    {
-        check(m_value.isString(), u"must be a text"_s);
-        return m_value.toString();
-    }
-    QString name() const
-    {
-        check(!text().trimmed().isEmpty(), u"must not be empty"_s);
-        return text();
-    }
-    // The library sends keys trimmed, and codes in upper case, too.
-    QString key() const
-    {
-        check(name() == name().trimmed(), u"must have no blanks around it"_s);
-        return text();
-    }
-    QString code() const
-    {
-        check(key() == key().toUpper(), u"must be in upper case"_s);
-        return text();
-    }
-    QString price() const
-    {
-        static const QRegularExpression pattern(u"\\A[0-9]+\\.[0-9]{2}\\z"_s);
-        check(pattern.match(text()).hasMatch(), u"must be an amount such as \"9.90\""_s);
-        return text();
-    }
-    QString currency() const
-    {
-        static const QRegularExpression pattern(u"\\A[A-Z]{3}\\z"_s);
-        check(pattern.match(text()).hasMatch(), u"must be a currency such as \"EUR\""_s);
-        return text();
-    }
-    QString time() const
-    {
-        static const QRegularExpression pattern(
-            u"\\A\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d(\\.\\d{3})?Z\\z"_s);
-        const QDateTime time = QDateTime::fromString(text(), Qt::ISODateWithMs);
-        check(time.isValid() && pattern.match(text()).hasMatch(),
-              u"must be a time in UTC such as \"2026-01-31T09:00:00Z\""_s);
-        return time.toString(Qt::ISODateWithMs);
-    }
-    int id() const
-    {
-        const double number = m_value.toDouble();
-        check(number >= 1 && number <= highestId && double(int(number)) == number,
-              u"must be a whole number from 1 to %1"_s.arg(QString::number(int(highestId))));
-        return int(number);
-    }
-    Purchase::State state() const
-    {
-        const qsizetype state = purchaseStates.indexOf(text());
-        check(state >= 0, "must be one of "_L1 + purchaseStates.join(", "_L1));
-        return Purchase::State(state);
-    }
+QString currencyFrom(const JsonInput &input)
+{
+    static const QRegularExpression pattern(u"\\A[A-Z]{3}\\z"_s);
+    input.check(pattern.match(input.text()).hasMatch(), u"must be a currency such as \"EUR\""_s);
+    return input.text();
+}
 
-private:
-    const Source *m_source;
-    QString m_path;
-    QJsonValue m_value;
-};
+QString timeFrom(const JsonInput &input)
+{
+    static const QRegularExpression pattern(
+        u"\\A\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d(\\.\\d{3})?Z\\z"_s);
+    const QDateTime time = QDateTime::fromString(input.text(), Qt::ISODateWithMs);
+    input.check(time.isValid() && pattern.match(input.text()).hasMatch(),
+                u"must be a time in UTC such as \"2026-01-31T09:00:00Z\""_s);
+    return time.toString(Qt::ISODateWithMs);
+}
+
+int idFrom(const JsonInput &input)
+{
+    return static_cast<int>(input.wholeNumber(1, highestId));
+}
+
+QList<JsonInput> elementsOf(const JsonInput &input, const QString &name)
+{
+    return input.has(name) ? input.member(name).elements() : QList<JsonInput>();
+}
 
 // Fills the data from the file's values, which may name what stands before them.
 class Reader
 {
 public:
-    Data read(const Value &root)
+    Data read(const JsonInput &root)
     {
-        root.isObjectOf({"products"_L1, "plans"_L1, "orders"_L1, "usage_events"_L1});
-        for (const Value &value : root.elementsOf("products"_L1))
+        root.isObjectOf({u"products"_s, u"plans"_s, u"orders"_s, u"usage_events"_s});
+        for (const JsonInput &value : elementsOf(root, u"products"_s))
             m_data.products.append(productFrom(value));
-        for (const Value &value : root.elementsOf("plans"_L1))
+        for (const JsonInput &value : elementsOf(root, u"plans"_s))
             m_data.plans.append(planFrom(value));
-        for (const Value &value : root.elementsOf("orders"_L1))
+        for (const JsonInput &value : elementsOf(root, u"orders"_s))
             m_data.purchases.append(purchaseFrom(value));
-        for (const Value &value : root.elementsOf("usage_events"_L1))
+        for (const JsonInput &value : elementsOf(root, u"usage_events"_s))
             m_data.usageEvents.append(usageEventFrom(value));
         return m_data;
     }
 
 private:
-    Product productFrom(const Value &value)
+    Product productFrom(const JsonInput &value)
     {
-        value.isObjectOf({"product_code"_L1, "name"_L1});
-        const Value code = value.member("product_code"_L1);
-        takeOnce(code, "product_code"_L1, code.code());
-        return {code.code(), value.member("name"_L1).name()};
+        value.isObjectOf({u"product_code"_s, u"name"_s});
+        const JsonInput code = value.member(u"product_code"_s);
+        takeOnce(code, u"product_code"_s, codeFrom(code));
+        return {codeFrom(code), nameFrom(value.member(u"name"_s))};
     }
-    Plan planFrom(const Value &value)
+    Plan planFrom(const JsonInput &value)
     {
-        value.isObjectOf({"product_code"_L1, "plan_code"_L1, "name"_L1, "description"_L1,
-                          "price"_L1, "currency"_L1});
+        value.isObjectOf({u"product_code"_s, u"plan_code"_s, u"name"_s, u"description"_s,
+                          u"price"_s, u"currency"_s});
         const QString product = productCode(value);
-        const Value code = value.member("plan_code"_L1);
-        takeOnce(code, "plan_code"_L1, product + u'\n' + code.code());
+        const JsonInput code = value.member(u"plan_code"_s);
+        takeOnce(code, u"plan_code"_s, product + u'\n' + codeFrom(code));
         return {product,
-                code.code(),
-                value.member("name"_L1).name(),
-                value.has("description"_L1) ? value.member("description"_L1).text() : u""_s,
-                value.member("price"_L1).price(),
-                value.member("currency"_L1).currency()};
+                codeFrom(code),
+                nameFrom(value.member(u"name"_s)),
+                value.has(u"description"_s) ? value.member(u"description"_s).text() : u""_s,
+                priceFrom(value.member(u"price"_s)),
+                currencyFrom(value.member(u"currency"_s))};
     }
-    NewPurchase purchaseFrom(const Value &value)
+    NewPurchase purchaseFrom(const JsonInput &value)
     {
-        value.isObjectOf({"product_code"_L1, "plan_code"_L1, "state"_L1, "first_name"_L1,
-                          "last_name"_L1, "email"_L1, "license_key"_L1, "paypal_order_id"_L1,
-                          "license_id"_L1, "payment_id"_L1, "created_at"_L1});
+        value.isObjectOf({u"product_code"_s, u"plan_code"_s, u"state"_s, u"first_name"_s,
+                          u"last_name"_s, u"email"_s, u"license_key"_s, u"paypal_order_id"_s,
+                          u"license_id"_s, u"payment_id"_s, u"created_at"_s});
         NewPurchase purchase;
         purchase.plan = planOf(value, productCode(value));
-        purchase.buyer = {value.member("first_name"_L1).name(), value.member("last_name"_L1).name(),
-                          value.member("email"_L1).name()};
-        purchase.state = value.member("state"_L1).state();
-        if (value.has("license_key"_L1)) {
-            purchase.licenseKey = value.member("license_key"_L1).key();
-            takeOnce(value.member("license_key"_L1), "license_key"_L1, purchase.licenseKey);
+        purchase.buyer = {nameFrom(value.member(u"first_name"_s)),
+                          nameFrom(value.member(u"last_name"_s)),
+                          nameFrom(value.member(u"email"_s))};
+        purchase.state =
+            Purchase::State(purchaseStates.indexOf(value.member(u"state"_s).oneOf(purchaseStates)));
+        if (value.has(u"license_key"_s)) {
+            purchase.licenseKey = keyFrom(value.member(u"license_key"_s));
+            takeOnce(value.member(u"license_key"_s), u"license_key"_s, purchase.licenseKey);
         }
-        if (value.has("paypal_order_id"_L1)) {
-            purchase.orderId = value.member("paypal_order_id"_L1).key();
-            takeOnce(value.member("paypal_order_id"_L1), "paypal_order_id"_L1, purchase.orderId);
+        if (value.has(u"paypal_order_id"_s)) {
+            purchase.orderId = keyFrom(value.member(u"paypal_order_id"_s));
+            takeOnce(value.member(u"paypal_order_id"_s), u"paypal_order_id"_s, purchase.orderId);
         }
         // One without the other could take an id that a later order asks for.
-        if (value.has("license_id"_L1) || value.has("payment_id"_L1)) {
-            purchase.licenseId = value.member("license_id"_L1).id();
-            purchase.paymentId = value.member("payment_id"_L1).id();
-            takeOnce(value.member("license_id"_L1), "license_id"_L1,
+        if (value.has(u"license_id"_s) || value.has(u"payment_id"_s)) {
+            purchase.licenseId = idFrom(value.member(u"license_id"_s));
+            purchase.paymentId = idFrom(value.member(u"payment_id"_s));
+            takeOnce(value.member(u"license_id"_s), u"license_id"_s,
                      QString::number(purchase.licenseId));
-            takeOnce(value.member("payment_id"_L1), "payment_id"_L1,
+            takeOnce(value.member(u"payment_id"_s), u"payment_id"_s,
                      QString::number(purchase.paymentId));
         }
-        if (value.has("created_at"_L1))
-            purchase.createdAt = value.member("created_at"_L1).time();
+        if (value.has(u"created_at"_s))
+            purchase.createdAt = timeFrom(value.member(u"created_at"_s));
         return purchase;
     }
-    UsageEvent usageEventFrom(const Value &value)
+    UsageEvent usageEventFrom(const JsonInput &value)
     {
-        value.isObjectOf({"product_code"_L1, "license_key"_L1, "machine_fingerprint"_L1,
-                          "event_type"_L1, "payload"_L1, "received_at"_L1});
+        value.isObjectOf({u"product_code"_s, u"license_key"_s, u"machine_fingerprint"_s,
+                          u"event_type"_s, u"payload"_s, u"received_at"_s});
         UsageEvent event;
         event.productCode = productCode(value);
-        event.machineFingerprint = value.member("machine_fingerprint"_L1).text();
-        event.eventType = value.member("event_type"_L1).name();
-        if (value.has("license_key"_L1)) {
-            event.licenseKey = value.member("license_key"_L1).key();
-            value.member("license_key"_L1)
+        event.machineFingerprint = value.member(u"machine_fingerprint"_s).text();
+        event.eventType = nameFrom(value.member(u"event_type"_s));
+        if (value.has(u"license_key"_s)) {
+            event.licenseKey = keyFrom(value.member(u"license_key"_s));
+            value.member(u"license_key"_s)
                 .check(hasLicense(event), u"is no licence of this product"_s);
         }
-        if (value.has("payload"_L1))
-            event.payload = value.member("payload"_L1).object();
-        if (value.has("received_at"_L1))
-            event.receivedAt = value.member("received_at"_L1).time();
+        if (value.has(u"payload"_s))
+            event.payload = value.member(u"payload"_s).object();
+        if (value.has(u"received_at"_s))
+            event.receivedAt = timeFrom(value.member(u"received_at"_s));
         return event;
     }
 
-    QString productCode(const Value &value) const
+    QString productCode(const JsonInput &value) const
     {
-        const Value code = value.member("product_code"_L1);
-        code.check(m_taken.value("product_code"_L1).contains(code.text()),
+        const JsonInput code = value.member(u"product_code"_s);
+        code.check(m_taken.value(u"product_code"_s).contains(code.text()),
                    u"is no product of this file"_s);
         return code.text();
     }
-    Plan planOf(const Value &value, const QString &product) const
+    Plan planOf(const JsonInput &value, const QString &product) const
     {
-        const Value code = value.member("plan_code"_L1);
+        const JsonInput code = value.member(u"plan_code"_s);
         const QString text = code.text();
         const auto plan =
             std::find_if(m_data.plans.begin(), m_data.plans.end(), [&](const Plan &candidate) {
@@ -373,14 +298,14 @@ private:
                                    && purchase.plan.productCode == event.productCode;
                            });
     }
-    void takeOnce(const Value &value, QLatin1StringView kind, const QString &taken)
+    void takeOnce(const JsonInput &value, const QString &kind, const QString &taken)
     {
         value.check(!m_taken[kind].contains(taken), u"is taken already"_s);
         m_taken[kind].insert(taken);
     }
 
     Data m_data;
-    QHash<QLatin1StringView, QSet<QString>> m_taken;
+    QHash<QString, QSet<QString>> m_taken;
 };
 
 } // namespace
@@ -401,7 +326,11 @@ Data readData(const QString &fileName)
         fail(fileName, json.left(error.offset).count('\n') + 1, {},
              u"is not JSON (%1)"_s.arg(error.errorString()));
 
-    const Source source{fileName, Lines(fileName, json)};
-    const QJsonValue root = document.isObject() ? QJsonValue(document.object()) : QJsonValue();
-    return Reader().read(Value(&source, {}, root));
+    const Lines lines(fileName, json);
+    try {
+        const QJsonValue root = document.isObject() ? QJsonValue(document.object()) : QJsonValue();
+        return Reader().read(JsonInput(root));
+    } catch (const JsonError &refused) {
+        fail(fileName, lines.at(refused.path()), refused.path(), refused.reason());
+    }
 }

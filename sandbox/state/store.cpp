@@ -223,7 +223,7 @@ Purchase Store::startPurchase(const Plan &plan, const Buyer &buyer)
     purchase.plan = plan;
     purchase.buyer = buyer;
     Transaction transaction(m_database);
-    const Purchase started = insertPurchase(purchase);
+    Purchase started = insertPurchase(purchase);
     transaction.commit();
     return started;
 }
