@@ -1,4 +1,5 @@
 #include "corvane.h"
+#include "database.h"
 #include "files.h"
 #include "loopbackserver.h"
 #include "serverprocess.h"
@@ -16,9 +17,6 @@
 #include <QtNetwork/qnetworkaccessmanager.h>
 #include <QtNetwork/qnetworkproxy.h>
 #include <QtNetwork/qnetworkreply.h>
-#include <QtSql/qsqldatabase.h>
-#include <QtSql/qsqlerror.h>
-#include <QtSql/qsqlquery.h>
 #include <QtTest/qsignalspy.h>
 #include <QtTest/qtest.h>
 
@@ -931,16 +929,10 @@ Exchange tst_Contract::whileBroken(const std::function<Exchange()> &call)
 // In the sandbox's database.
 void tst_Contract::query(const QString &sql) const
 {
-    {
-        QSqlDatabase database = QSqlDatabase::addDatabase(u"QSQLITE"_s, u"change"_s);
-        database.setDatabaseName(path(u"state.sqlite"_s));
-        QVERIFY(database.open());
-        QSqlQuery query(database);
-        // A table that is renamed is missed by the views.
-        QVERIFY(query.exec(u"PRAGMA legacy_alter_table = ON"_s));
-        QVERIFY2(query.exec(sql), qUtf8Printable(query.lastError().text()));
-    }
-    QSqlDatabase::removeDatabase(u"change"_s);
+    const Database database(path(u"state.sqlite"_s));
+    // A table that is renamed is missed by the views.
+    QCOMPARE(database.query(u"PRAGMA legacy_alter_table = ON"_s), QStringList());
+    QCOMPARE(database.query(sql), QStringList());
 }
 
 QJsonObject tst_Contract::started()

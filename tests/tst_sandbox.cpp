@@ -1,4 +1,5 @@
 #include "corvane.h"
+#include "database.h"
 
 #include <QtCore/qcryptographichash.h>
 #include <QtCore/qdir.h>
@@ -15,10 +16,6 @@
 #include <QtNetwork/qnetworkreply.h>
 #include <QtNetwork/qtcpserver.h>
 #include <QtNetwork/qtcpsocket.h>
-#include <QtSql/qsqldatabase.h>
-#include <QtSql/qsqlerror.h>
-#include <QtSql/qsqlquery.h>
-#include <QtSql/qsqlrecord.h>
 #include <QtTest/qsignalspy.h>
 #include <QtTest/qtest.h>
 
@@ -79,30 +76,6 @@ bool waitUntilHeldUp(qint64 process, const QString &database)
         },
         timeout);
 }
-
-// What another process that writes to the database has begun.
-class Transaction
-{
-public:
-    explicit Transaction(const QString &file)
-        : m_database(QSqlDatabase::addDatabase(u"QSQLITE"_s, u"transaction"_s))
-    {
-        m_database.setDatabaseName(file);
-        m_database.open();
-        run(u"BEGIN IMMEDIATE"_s);
-    }
-    ~Transaction()
-    {
-        m_database = {};
-        QSqlDatabase::removeDatabase(u"transaction"_s);
-    }
-    Q_DISABLE_COPY_MOVE(Transaction)
-
-    bool run(const QString &sql) { return QSqlQuery(m_database).exec(sql); }
-
-private:
-    QSqlDatabase m_database;
-};
 
 // One running corvane-sandbox, killed with the object if the test has not ended it.
 class Sandbox
@@ -577,13 +550,14 @@ void tst_Sandbox::endsCleanlyOnSignal()
 // The signal used to kill it until it had opened its database.
 void tst_Sandbox::endsCleanlyOnSignalWhileItStarts()
 {
-    Transaction other(path(u"state.sqlite"_s));
+    const Database other(path(u"state.sqlite"_s));
+    QCOMPARE(other.query(u"BEGIN IMMEDIATE"_s), QStringList());
     QProcess process;
     process.start(QStringLiteral(CORVANE_SANDBOX_PATH), {u"--database"_s, path(u"state.sqlite"_s)});
     QVERIFY(process.waitForStarted(timeout));
     QVERIFY(waitUntilHeldUp(process.processId(), path(u"state.sqlite"_s)));
     process.terminate();
-    QVERIFY(other.run(u"ROLLBACK"_s));
+    QCOMPARE(other.query(u"ROLLBACK"_s), QStringList());
     QVERIFY(process.waitForFinished(timeout));
     QCOMPARE(process.exitStatus(), QProcess::NormalExit);
     QCOMPARE(process.exitCode(), 0);
@@ -662,19 +636,20 @@ void tst_Sandbox::existingDatabaseIsNotSeededAgain()
 void tst_Sandbox::twoMayStartOnOneNewDatabase()
 {
     const QString file = path(u"new.sqlite"_s);
-    Transaction other(file);
+    const Database other(file);
+    QCOMPARE(other.query(u"BEGIN IMMEDIATE"_s), QStringList());
     for (
         const QString &sql : query(
             u"SELECT sql FROM sqlite_master WHERE sql IS NOT NULL AND name <> 'sqlite_sequence'"_s))
-        QVERIFY(other.run(sql));
+        QCOMPARE(other.query(sql), QStringList());
     for (const QString &mark : {u"PRAGMA application_id"_s, u"PRAGMA user_version"_s})
-        QVERIFY(other.run(mark + " = "_L1 + query(mark).constFirst()));
+        QCOMPARE(other.query(mark + " = "_L1 + query(mark).constFirst()), QStringList());
 
     QProcess process;
     process.start(QStringLiteral(CORVANE_SANDBOX_PATH), {u"--database"_s, file});
     QVERIFY(process.waitForStarted(timeout));
     QVERIFY(waitUntilHeldUp(process.processId(), file));
-    QVERIFY(other.run(u"COMMIT"_s));
+    QCOMPARE(other.query(u"COMMIT"_s), QStringList());
     QVERIFY(process.waitForReadyRead(timeout));
     process.terminate();
     QVERIFY(process.waitForFinished(timeout));
@@ -1770,29 +1745,13 @@ QJsonObject tst_Sandbox::latest(const QString &channel)
         .toObject();
 }
 
-// The rows of the sandbox's database file, their values joined by bars; the error if there is one.
+// In the sandbox's database file.
 QStringList tst_Sandbox::query(const QString &sql) const
 {
-    QStringList rows;
-    {
-        QSqlDatabase database = QSqlDatabase::addDatabase(u"QSQLITE"_s, u"look"_s);
-        database.setDatabaseName(path(u"state.sqlite"_s));
-        database.open();
-        QSqlQuery query(database);
-        // A test may store what the service never would.
-        query.exec(u"PRAGMA ignore_check_constraints = ON"_s);
-        if (!query.exec(sql))
-            rows.append(query.lastError().text());
-        const int columns = query.record().count();
-        while (query.next()) {
-            QStringList values;
-            for (int i = 0; i < columns; ++i)
-                values.append(query.value(i).toString());
-            rows.append(values.join(u'|'));
-        }
-    }
-    QSqlDatabase::removeDatabase(u"look"_s);
-    return rows;
+    const Database database(path(u"state.sqlite"_s));
+    // A test may store what the service never would.
+    database.query(u"PRAGMA ignore_check_constraints = ON"_s);
+    return database.query(sql);
 }
 
 void tst_Sandbox::restart(const QStringList &arguments)

@@ -1,3 +1,4 @@
+#include "database.h"
 #include "files.h"
 #include "sandbox.h"
 
@@ -13,10 +14,6 @@
 #include <QtCore/qtemporarydir.h>
 #include <QtNetwork/qnetworkaccessmanager.h>
 #include <QtNetwork/qnetworkreply.h>
-#include <QtSql/qsqldatabase.h>
-#include <QtSql/qsqlerror.h>
-#include <QtSql/qsqlquery.h>
-#include <QtSql/qsqlrecord.h>
 #include <QtTest/qtest.h>
 
 #include <algorithm>
@@ -39,43 +36,6 @@ constexpr int timeout = 20000;
 const QString program = QStringLiteral(CORVANE_SANDBOX_PATH);
 const QString sourceDir = QStringLiteral(SOURCE_DIR);
 const QString exampleData = sourceDir + "/sandbox/data/example.json"_L1;
-
-// A connection to a database file of the test's own.
-class Database
-{
-public:
-    explicit Database(const QString &file)
-        : m_database(QSqlDatabase::addDatabase(u"QSQLITE"_s, u"look"_s))
-    {
-        m_database.setDatabaseName(file);
-        m_database.open();
-    }
-    ~Database()
-    {
-        m_database = {};
-        QSqlDatabase::removeDatabase(u"look"_s);
-    }
-    Q_DISABLE_COPY_MOVE(Database)
-
-    // The rows as sqlite3 prints them; the error if there is one.
-    QStringList query(const QString &sql) const
-    {
-        QSqlQuery query(m_database);
-        if (!query.exec(sql))
-            return {query.lastError().databaseText()};
-        QStringList rows;
-        while (query.next()) {
-            QStringList values;
-            for (int i = 0; i < query.record().count(); ++i)
-                values.append(query.value(i).toString());
-            rows.append(values.join(u'|'));
-        }
-        return rows;
-    }
-
-private:
-    QSqlDatabase m_database;
-};
 
 // What a sandbox that does not start leaves behind.
 struct Refusal

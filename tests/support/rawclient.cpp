@@ -44,7 +44,7 @@ QByteArray RawClient::reply()
         else if (!receive())
             break;
     }
-    const QByteArray reply = m_received.first(end < 0 ? m_received.size() : end);
+    QByteArray reply = m_received.first(end < 0 ? m_received.size() : end);
     m_received.remove(0, reply.size());
     return reply;
 }
