@@ -177,7 +177,7 @@ void tst_SandboxFaults::wrongRulesAreRefused_data()
                                         QByteArray("1.5"), QByteArray("\"1\""), QByteArray("null")})
         {
             const QByteArray rule =
-                QByteArray("{\"when\":{\"") + name + "\":" + value + "},\"do\":{\"status\":500}}";
+                QByteArray(R"({"when":{")") + name + R"(":)" + value + R"(},"do":{"status":500}})";
             QTest::addRow("%s-%s", name, value.constData())
                 << rule
                 << u"faults[1].when.%1: must be a whole number from %2 to %3"_s.arg(
@@ -549,7 +549,7 @@ void tst_SandboxFaults::scenariosAreListed()
     const QJsonArray scenarios =
         m_sandbox->get(u"/sandbox/scenarios"_s).json().value("scenarios"_L1).toArray();
     QVERIFY(scenarios.size() > 20);
-    for (const QJsonValue &scenario : scenarios) {
+    for (const QJsonValue scenario : scenarios) {
         QVERIFY(!scenario["rules"_L1].toArray().isEmpty());
         expected += scenario["name"_L1].toString().leftJustified(20) + u' '
             + scenario["sentence"_L1].toString() + u'\n';
@@ -564,7 +564,7 @@ void tst_SandboxFaults::everyScenarioEndsAsTheLibrarySays_data()
     const Sandbox sandbox(QStringLiteral(CORVANE_SANDBOX_PATH));
     const QJsonArray scenarios =
         sandbox.get(u"/sandbox/scenarios"_s).json().value("scenarios"_L1).toArray();
-    for (const QJsonValue &scenario : scenarios) {
+    for (const QJsonValue scenario : scenarios) {
         // Chance decides in one, and in the others nothing ends: they have tests of their own.
         const QString name = scenario["name"_L1].toString();
         if (name == "flaky-network"_L1 || name == "silent-service"_L1)

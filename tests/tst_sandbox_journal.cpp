@@ -10,6 +10,7 @@
 #include <QtTest/qsignalspy.h>
 #include <QtTest/qtest.h>
 
+#include <limits>
 #include <memory>
 
 using namespace Qt::StringLiterals;
@@ -41,6 +42,7 @@ private Q_SLOTS:
     void waitEndsWithTheNextChange();
     void waitEndsWithoutAChange();
     void oldestEntriesAreDropped();
+    void bodiesAreKeptUpToABound();
     void secretsAreMasked();
 
 private:
@@ -109,7 +111,7 @@ void tst_SandboxJournal::exchangesAreInOrder()
     m_sandbox->get(u"/x"_s);
     QStringList operations;
     const QJsonArray all = entries();
-    for (const QJsonValue &entry : all)
+    for (const QJsonValue entry : all)
         operations += QString::number(entry["id"_L1].toInt()) + entry["operation"_L1].toString();
     QCOMPARE(operations.join(u' '), u"1plans 2download 3start 4approval 5other"_s);
 }
@@ -206,7 +208,7 @@ void tst_SandboxJournal::waitEndsWithTheNextChange()
     QCOMPARE(m_sandbox->get(u"/sandbox/faults"_s).status, 200);
     QCOMPARE(finished.size(), 0);
     m_sandbox->get(plansPath);
-    QVERIFY(finished.size() > 0 || finished.wait(20000));
+    QVERIFY(!finished.isEmpty() || finished.wait(20000));
     const QJsonArray all = QJsonDocument::fromJson(reply->readAll())["entries"_L1].toArray();
     QCOMPARE(all.size(), 1);
     QCOMPARE(all[0]["operation"_L1].toString(), u"plans"_s);
@@ -233,6 +235,26 @@ void tst_SandboxJournal::oldestEntriesAreDropped()
     QCOMPARE(now.value("entries"_L1)[0]["id"_L1].toInt(), more + 1);
 }
 
+void tst_SandboxJournal::bodiesAreKeptUpToABound()
+{
+    constexpr qint64 size = 64 * 1024;
+    constexpr qint64 bound = 64 * 1024 * 1024;
+    constexpr qint64 all = bound / size + 1;
+    const QByteArray request = "POST /x HTTP/1.1\r\nHost: a\r\nContent-Length: "
+        + QByteArray::number(size) + "\r\n\r\n" + QByteArray(size, 'x');
+    RawClient client(m_sandbox->port());
+    for (qint64 i = 0; i < all; ++i) {
+        client.send(request);
+        QVERIFY(client.reply().startsWith("HTTP/1.1 404 "));
+    }
+    // Nothing has changed since then: the answer tells the numbers alone.
+    const QJsonObject now = journal(std::numeric_limits<qint64>::max());
+    const qint64 dropped = now.value("dropped"_L1).toInteger();
+    QCOMPARE(now.value("first"_L1).toInteger(), dropped + 1);
+    QVERIFY((all - dropped) * size <= bound);
+    QVERIFY((all - dropped) * size > bound * 9 / 10);
+}
+
 void tst_SandboxJournal::secretsAreMasked()
 {
     m_sandbox =
@@ -247,7 +269,7 @@ void tst_SandboxJournal::secretsAreMasked()
                     {{u"product_code"_s, u"DEMO"_s}, {u"license_key"_s, u"SEGRETO-1"_s}});
     const Sandbox::Headers text{{"Content-Type", "text/plain"}};
     m_sandbox->ask("POST", u"/x?email=ada%40example.org&license_key=SEGRETO-2"_s,
-                   "{\"license_key\": \"SEGRETO-3\", ", text);
+                   R"({"license_key": "SEGRETO-3", )", text);
     m_sandbox->ask("POST", u"/x"_s, "ada@example.org " + key, text);
     m_sandbox->ask("POST", u"/x"_s, R"({"a":["ada\u0040example.org"],"b":{"email":"SEGRETO-4"}})",
                    text);

@@ -490,9 +490,8 @@ void tst_SandboxState::wrongDataIsRefused_data()
     const QByteArray withPlan = product + "\"plans\": [\n" + plan("X", "\"1.00\"", "EUR") + "],\n";
     const auto order = [&](const QByteArray &more, const QByteArray &state = "pending",
                            const QByteArray &planCode = "X") {
-        return "{\"product_code\": \"P\", \"plan_code\": \"" + planCode + "\", \"state\": \""
-            + state + R"(", "first_name": "A", "last_name": "B", "email": "a@example.org")" + more
-            + '}';
+        return R"({"product_code": "P", "plan_code": ")" + planCode + R"(", "state": ")" + state
+            + R"(", "first_name": "A", "last_name": "B", "email": "a@example.org")" + more + '}';
     };
     const auto orders = [&](const QByteArray &list) {
         return withPlan + "\"orders\": [" + list + "]}";

@@ -109,8 +109,8 @@ std::optional<HttpReply> replyFrom(const JsonInput &effect)
 
 QJsonObject headersFrom(const JsonInput &headers)
 {
-    const QJsonObject object = headers.object();
-    for (auto header = object.begin(); header != object.end(); ++header) {
+    QJsonObject object = headers.object();
+    for (auto header = object.constBegin(); header != object.constEnd(); ++header) {
         const QString name = header.key();
         const bool isName =
             !name.isEmpty() && !name.contains(u':') && !name.contains(u' ') && isHeaderText(name);

@@ -4,6 +4,7 @@
 
 #include <QtCore/qdatetime.h>
 #include <QtCore/qjsonarray.h>
+#include <QtCore/qtimezone.h>
 
 #include <utility>
 
@@ -132,7 +133,7 @@ QJsonObject Journal::toJson(quint64 id, const Entry &entry) const
     QJsonObject object{
         {u"id"_s, qint64(id)},
         {u"time"_s,
-         QDateTime::fromMSecsSinceEpoch(entry.time, Qt::UTC).toString(Qt::ISODateWithMs)},
+         QDateTime::fromMSecsSinceEpoch(entry.time, QTimeZone::utc()).toString(Qt::ISODateWithMs)},
         {u"operation"_s, entry.operation},
         {u"request"_s,
          joined({{u"method"_s, QString::fromLatin1(entry.request.method)},
