@@ -259,6 +259,7 @@ private Q_SLOTS:
     void linksInsideTheFolderAreFollowed();
     void releasesFolderMayItselfBeALink();
     void fileIsReadAtTheReceiversPace();
+    void fileThatBecomesShorterEndsItsTransfer();
     void abandonedDownloadIsLetGo();
 
     void startAnswersTheNewPurchase();
@@ -1076,6 +1077,31 @@ void tst_Sandbox::fileIsReadAtTheReceiversPace()
     connect(&socket, &QTcpSocket::readyRead, this, [&] { received += socket.readAll().size(); });
     received += socket.readAll().size();
     QVERIFY(QTest::qWaitFor([&] { return received > size; }, timeout));
+}
+
+// Whoever waits for the rest would wait for ever.
+void tst_Sandbox::fileThatBecomesShorterEndsItsTransfer()
+{
+    constexpr qint64 size = 64 * 1024 * 1024;
+    const QString file = path(u"releases/DEMO/stable/1.0/demo.zip"_s);
+    write(u"releases/DEMO/stable/1.0/demo.zip"_s, "");
+    QVERIFY(QFile::resize(file, size));
+    QTcpSocket socket;
+    socket.setReadBufferSize(1000);
+    socket.connectToHost(QHostAddress::LocalHost, m_sandbox->port());
+    socket.write("GET /releases/DEMO/stable/latest HTTP/1.1\r\nHost: a\r\n\r\n");
+    QVERIFY(socket.waitForReadyRead(timeout));
+    QVERIFY(QFile::resize(file, 1000));
+
+    qint64 received = 0;
+    socket.setReadBufferSize(0);
+    connect(&socket, &QTcpSocket::readyRead, this, [&] { received += socket.readAll().size(); });
+    received += socket.readAll().size();
+    QVERIFY(
+        QTest::qWaitFor([&] { return socket.state() == QTcpSocket::UnconnectedState; }, timeout));
+    received += socket.readAll().size();
+    QVERIFY(received < size);
+    QVERIFY(!m_sandbox->holdsOpen(file));
 }
 
 void tst_Sandbox::abandonedDownloadIsLetGo()

@@ -11,6 +11,7 @@
 #include <QtTest/qsignalspy.h>
 #include <QtTest/qtest.h>
 
+#include <array>
 #include <functional>
 #include <memory>
 
@@ -113,6 +114,7 @@ private Q_SLOTS:
     void scenariosAreListed();
     void everyScenarioEndsAsTheLibrarySays_data();
     void everyScenarioEndsAsTheLibrarySays();
+    void flakyNetworkBreaksAndDelaysSome();
     void scenarioIsWhatItSays_data();
     void scenarioIsWhatItSays();
     void stalledCallsStayOpen_data();
@@ -593,6 +595,31 @@ void tst_SandboxFaults::everyScenarioEndsAsTheLibrarySays()
     QCOMPARE(log.settled(), QStringList{lineFor(call, outcome, file())});
     if (log.lines().constFirst().startsWith("updateDownloaded"_L1))
         QCOMPARE(Files::contentOf(file()), outcome.body);
+}
+
+void tst_SandboxFaults::flakyNetworkBreaksAndDelaysSome()
+{
+    QCOMPARE(m_sandbox->post(u"/sandbox/scenario"_s, {{u"name"_s, u"flaky-network"_s}}).status,
+             200);
+    // At once: the delays run beside each other.
+    constexpr int all = 40;
+    std::array<std::unique_ptr<RawClient>, all> clients;
+    for (auto &client : clients) {
+        client = std::make_unique<RawClient>(m_sandbox->port());
+        client->send("GET /api/v1/purchase/plans?product_code=DEMO HTTP/1.1\r\nHost: a\r\n\r\n");
+    }
+    int broken = 0;
+    for (const auto &client : clients)
+        broken += client->reply().isEmpty() ? 1 : 0;
+    QVERIFY2(broken >= all / 8 && broken <= all * 3 / 8, qPrintable(QString::number(broken)));
+
+    int late = 0;
+    const QJsonArray entries =
+        m_sandbox->get(u"/sandbox/journal"_s).json().value("entries"_L1).toArray();
+    QCOMPARE(entries.size(), all);
+    for (const QJsonValue entry : entries)
+        late += entry["duration_ms"_L1].toDouble() >= 1500 ? 1 : 0;
+    QVERIFY2(late >= all / 8 && late <= all * 3 / 8, qPrintable(QString::number(late)));
 }
 
 void tst_SandboxFaults::scenarioIsWhatItSays_data()
