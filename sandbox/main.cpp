@@ -29,6 +29,7 @@
 #include <optional>
 
 #include <fcntl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -55,6 +56,13 @@ std::optional<quint16> portFrom(const QString &text)
     return isNumber ? std::make_optional(port) : std::nullopt;
 }
 
+// Readable once the process has ended; -1 if there is no such process. The number alone may be
+// given to another process.
+int descriptorOf(pid_t process)
+{
+    return static_cast<int>(::syscall(SYS_pidfd_open, process, 0));
+}
+
 int signalPipe[2];
 
 // Nothing but write() is safe in a signal handler; the event loop does the rest.
@@ -67,7 +75,7 @@ void passSignalOn(int)
     errno = savedError;
 }
 
-// From here on a signal waits in the pipe for quitOnSignals(). A reader of the output that goes
+// From here on a signal waits in the pipe for the event loop. A reader of the output that goes
 // away is an error of writing, not a signal.
 bool catchSignals()
 {
@@ -77,9 +85,9 @@ bool catchSignals()
         && std::signal(SIGPIPE, SIG_IGN) != SIG_ERR;
 }
 
-void quitOnSignals(QCoreApplication *application)
+void quitWhenReadable(int descriptor, QCoreApplication *application)
 {
-    auto *notifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, application);
+    auto *notifier = new QSocketNotifier(descriptor, QSocketNotifier::Read, application);
     QObject::connect(notifier, &QSocketNotifier::activated, application, &QCoreApplication::quit);
 }
 
@@ -100,6 +108,7 @@ struct Settings
     QString folder;
     QList<FaultRule> faults;
     bool isMasked = false;
+    std::optional<int> endWith; // readable when it is time
 };
 
 QString urlOf(const QHostAddress &host, quint16 port)
@@ -139,7 +148,9 @@ int serve(QCoreApplication &application, const Settings &settings)
         Journal journal(settings.isMasked);
         Control control(faults, journal, store, settings.isMasked);
         const Front front(server.release(), service, faults, journal, control);
-        quitOnSignals(&application);
+        quitWhenReadable(signalPipe[0], &application);
+        if (settings.endWith)
+            quitWhenReadable(*settings.endWith, &application);
         if (!print(address))
             return fail(StartFailed, cannotPrint.arg(qt_error_string()));
         if (!store.isNew() && settings.data != demoData)
@@ -182,9 +193,8 @@ int listScenarios()
 }
 
 const QString description =
-    uR"(The back-end service on your own machine, for trying out a host. Prints its
-address, http://127.0.0.1:PORT, and serves until it gets SIGINT or SIGTERM.
-A new database holds DEMO, a product of three plans.
+    uR"(The service on your own machine, for trying out a host. Prints its address and
+serves until SIGINT or SIGTERM. A new database holds DEMO, with three plans.
 
 A folder named after a product holds that product's releases, one file each,
 with notes.txt in UTF-8 if you like: DIR/DEMO/stable/1.4.0/demo-1.4.0.zip.
@@ -224,8 +234,10 @@ int main(int argc, char *argv[])
     const QCommandLineOption listOption(u"list-scenarios"_s, u"Say what NAME can be, and leave."_s);
     const QCommandLineOption maskOption(u"mask"_s,
                                         u"Hide licence keys and e-mail addresses from pages."_s);
+    const QCommandLineOption endOption(u"end-with"_s, u"End when the process with this id does."_s,
+                                       u"PID"_s);
     parser.addOptions({portOption, listenOption, dataOption, databaseOption, releasesOption,
-                       faultOption, scenarioOption, listOption, maskOption});
+                       faultOption, scenarioOption, listOption, maskOption, endOption});
     const QCommandLineOption helpOption = parser.addHelpOption();
     const QCommandLineOption versionOption = parser.addVersionOption();
 
@@ -262,7 +274,8 @@ int main(int argc, char *argv[])
                       parser.value(databaseOption),
                       parser.value(releasesOption),
                       {},
-                      parser.isSet(maskOption)};
+                      parser.isSet(maskOption),
+                      {}};
     try {
         settings.faults = faultsFrom(parser.values(faultOption), parser.values(scenarioOption));
     } catch (const JsonError &error) {
@@ -277,6 +290,13 @@ int main(int argc, char *argv[])
         return fail(StartFailed,
                     u"the releases folder \"%1\" does not exist: create it, or name another with "
                     "--releases."_s.arg(settings.folder));
+    }
+    if (parser.isSet(endOption)) {
+        const QString id = parser.value(endOption);
+        settings.endWith = descriptorOf(id.toInt());
+        if (*settings.endWith < 0)
+            return fail(StartFailed,
+                        u"cannot watch process \"%1\" (%2)."_s.arg(id, qt_error_string()));
     }
     return serve(application, settings);
 }

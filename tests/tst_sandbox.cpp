@@ -221,6 +221,7 @@ private Q_SLOTS:
     void endsCleanlyOnSignal_data();
     void endsCleanlyOnSignal();
     void endsCleanlyOnSignalWhileItStarts();
+    void endsWithTheProcess();
     void refusesToStartWithoutAnOutput_data();
     void refusesToStartWithoutAnOutput();
 
@@ -408,8 +409,9 @@ void tst_Sandbox::helpFitsAScreen()
     QCOMPARE(process.exitCode(), 0);
 
     const QByteArray help = process.readAllStandardOutput();
-    for (const char *option : {"--port <N>", "--listen <ADDRESS>", "--data <FILE>",
-                               "--database <FILE>", "--releases <DIR>", "--version"})
+    for (const char *option :
+         {"--port <N>", "--listen <ADDRESS>", "--data <FILE>", "--database <FILE>",
+          "--releases <DIR>", "--end-with <PID>", "--version"})
         QVERIFY2(help.contains(option), option);
     QVERIFY(help.contains("A folder named after a product holds that product's releases"));
     QVERIFY(help.contains("moving a new file into place, never by writing over it"));
@@ -456,6 +458,12 @@ void tst_Sandbox::refusesToStart_data()
     QTest::newRow("stray-argument")
         << QStringList{u"8080"_s} << 2
         << u"unexpected argument \"8080\". See corvane-sandbox --help.\n"_s;
+    QTest::newRow("end-with-nobody") << QStringList{u"--end-with"_s, u"2147483647"_s} << 1
+                                     << u"cannot watch process \"2147483647\" (No such "
+                                        "process).\n"_s;
+    QTest::newRow("end-with-no-number")
+        << QStringList{u"--end-with"_s, u"ctest"_s} << 1
+        << u"cannot watch process \"ctest\" (Invalid argument).\n"_s;
     const QString useFolder =
         u"the releases folder \"%1\" does not exist: create it, or name another with --releases.\n"_s;
     QTest::newRow("releases-missing")
@@ -559,6 +567,26 @@ void tst_Sandbox::endsCleanlyOnSignalWhileItStarts()
     QVERIFY(waitUntilHeldUp(process.processId(), path(u"state.sqlite"_s)));
     process.terminate();
     QCOMPARE(other.query(u"ROLLBACK"_s), QStringList());
+    QVERIFY(process.waitForFinished(timeout));
+    QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(process.exitCode(), 0);
+    QCOMPARE(process.readAllStandardError(), QByteArray());
+}
+
+void tst_Sandbox::endsWithTheProcess()
+{
+    QProcess other;
+    other.start(u"cat"_s);
+    QVERIFY(other.waitForStarted(timeout));
+    QProcess process;
+    process.start(QStringLiteral(CORVANE_SANDBOX_PATH),
+                  {u"--end-with"_s, QString::number(other.processId())});
+    QVERIFY(process.waitForReadyRead(timeout));
+    const QUrl address(QString::fromUtf8(process.readLine()).trimmed());
+    QCOMPARE(get(address.resolved(QUrl(u"/sandbox/faults"_s)).toString()).status, 200);
+
+    other.kill();
+    QVERIFY(other.waitForFinished(timeout));
     QVERIFY(process.waitForFinished(timeout));
     QCOMPARE(process.exitStatus(), QProcess::NormalExit);
     QCOMPARE(process.exitCode(), 0);
