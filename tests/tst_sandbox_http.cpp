@@ -116,6 +116,8 @@ void tst_SandboxHttp::refusesWhatIsNoHttp_data()
         QTest::newRow(tag) << request << status;
     };
     row("tls", QByteArray::fromHex("160301020001"));
+    row("tls-with-a-long-first-line",
+        QByteArray::fromHex("160301020001") + QByteArray(longestHead, 'x'));
     row("binary", QByteArray::fromHex("00ff1f8b0d0a0d0a80c0fe7b22007d"));
     row("http2", "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n", 505);
     row("words", "Buon giorno\r\n\r\n");
@@ -141,6 +143,8 @@ void tst_SandboxHttp::refusesWhatIsNoHttp_data()
     row("folded-header", plans + "Header: a\r\n b\r\n\r\n");
     row("header-value-with-null", plans + QByteArray("A: \0\r\n\r\n", 8));
     row("header-value-with-return", plans + "A: b\rC: d\r\n\r\n");
+    row("header-value-with-return-at-its-end", plans + "A: b\r\r\n\r\n");
+    row("header-value-with-vertical-tab-at-its-start", plans + "A: \vb\r\n\r\n");
     for (const char *length : {"-1", "+1", "many", "", "0x10", "1 1", "1,1", "1.0"}) {
         QTest::addRow("length-\"%s\"", length) << usage + "Content-Length: " + length + "\r\n\r\n"
                                                << 400;
@@ -152,7 +156,7 @@ void tst_SandboxHttp::refusesWhatIsNoHttp_data()
     row("two-codings", usage + "Transfer-Encoding: gzip, chunked\r\n\r\n", 501);
     row("unknown-expectation", usage + "Expect: miracles\r\n" + withLength(usageEvent), 417);
     const QByteArray chunked = usage + "Transfer-Encoding: chunked\r\n\r\n";
-    for (const char *size : {"", "x", "-1", "0x1", "g"})
+    for (const char *size : {"", "x", "-1", "0x1", "g", " 1", "1\r"})
         QTest::addRow("chunk-size-\"%s\"", size) << chunked + size + "\r\n" << 400;
     row("chunk-longer-than-its-size", chunked + "1\r\nab\r\n");
     row("chunk-line-feed", chunked + "1\na\n");

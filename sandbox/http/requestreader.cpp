@@ -29,6 +29,27 @@ bool isHeaderValue(QByteArrayView text)
     });
 }
 
+// What is taken off around a value. Whoever takes off other characters too, as QByteArray's
+// trimmed() does, sees other headers than the others do.
+bool isBlank(char c)
+{
+    return c == ' ' || c == '\t';
+}
+
+QByteArrayView withoutBlanksAfter(QByteArrayView text)
+{
+    while (!text.isEmpty() && isBlank(text.back()))
+        text.chop(1);
+    return text;
+}
+
+QByteArrayView withoutBlanksAround(QByteArrayView text)
+{
+    while (!text.isEmpty() && isBlank(text.front()))
+        text = text.sliced(1);
+    return withoutBlanksAfter(text);
+}
+
 // A number of nothing but digits; a huge one when there are too many of them.
 std::optional<qsizetype> number(const QByteArray &text, int base)
 {
@@ -116,9 +137,12 @@ std::optional<QByteArray> RequestReader::takeLine(QByteArray &bytes)
     // A client that speaks TLS, or anything else, may never send the end of a line.
     const bool isForeign = m_step == RequestLine && !bytes.isEmpty() && bytes.at(0) != '\r'
         && !isToken(bytes.first(1));
-    if (m_headSize + (end < 0 ? bytes.size() : end + 1) > longestHead)
+    // Known by its first byte, however much of it has come.
+    if (isForeign)
+        refuse(400);
+    else if (m_headSize + (end < 0 ? bytes.size() : end + 1) > longestHead)
         refuse(431);
-    else if (isForeign || end == 0 || (end > 0 && bytes.at(end - 1) != '\r'))
+    else if (end == 0 || (end > 0 && bytes.at(end - 1) != '\r'))
         refuse(400);
     if (end < 0 || m_step == Done)
         return std::nullopt;
@@ -154,7 +178,8 @@ void RequestReader::readHeader(const QByteArray &line)
 
     const qsizetype colon = line.indexOf(':');
     const QByteArray name = line.first(std::max<qsizetype>(colon, 0));
-    const QByteArray value = line.sliced(colon + 1).trimmed();
+    const QByteArray value =
+        withoutBlanksAround(QByteArrayView(line).sliced(colon + 1)).toByteArray();
     if (!isToken(name) || !isHeaderValue(value))
         return refuse(400);
     m_request.headers.emplaceBack(name, value);
@@ -192,7 +217,8 @@ void RequestReader::endHead()
 
 void RequestReader::readChunkSize(const QByteArray &line)
 {
-    const std::optional<qsizetype> size = number(line.split(';').constFirst().trimmed(), 16);
+    const std::optional<qsizetype> size =
+        number(withoutBlanksAfter(line.split(';').constFirst()).toByteArray(), 16);
     if (!size)
         return refuse(400);
     if (*size > longestBody - m_request.body.size())
