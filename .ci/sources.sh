@@ -8,13 +8,25 @@ configure_sources() {
     cmake --build --preset tidy
     cmake -G Ninja -S tests/consumer -B build/tidy/consumer -D CORVANE_SOURCE="$PWD" \
         -D CMAKE_CXX_COMPILER=clang++ -D CMAKE_EXPORT_COMPILE_COMMANDS=ON
+    # It finds a package; this one is the sources.
+    local package=build/tidy/package
+    mkdir -p "$package"
+    printf '%s\n' "set(CORVANE_SANDBOX ON)" "add_subdirectory([[$PWD]] corvane)" >"$package/CorvaneConfig.cmake"
+    echo "set(PACKAGE_VERSION_COMPATIBLE ON)" >"$package/CorvaneConfigVersion.cmake"
+    cmake -G Ninja -S tests/consumer-host -B build/tidy/consumer-host -D Corvane_DIR="$PWD/$package" \
+        -D CMAKE_CXX_COMPILER=clang++ -D CMAKE_EXPORT_COMPILE_COMMANDS=ON \
+        -D CMAKE_AUTOGEN_ORIGIN_DEPENDS=OFF
+    cmake --build build/tidy/consumer-host --target host_autogen tst_host_autogen
 }
 
 # check_source TOTAL NUMBER FILE COMMAND...: COMMAND on FILE, as it is compiled.
 check_source() {
     local total=$1 number=$2 file=$3 database=build/tidy output status=0
     shift 3
-    case $file in tests/consumer/*) database=build/tidy/consumer ;; esac
+    case $file in
+        tests/consumer/*) database=build/tidy/consumer ;;
+        tests/consumer-host/*) database=build/tidy/consumer-host ;;
+    esac
     # A file that nothing compiles would be read as if it were some other one.
     if ! grep -qF "\"file\": \"$PWD/$file\"" "$database/compile_commands.json"; then
         echo "[$number/$total] $file: the preset tidy does not compile it"

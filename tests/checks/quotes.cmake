@@ -1,19 +1,20 @@
 # Every code block in DOCUMENT that says which file it is from, in a comment right above it, holds
-# that file word for word, and every C++ block says so:
+# that file word for word, and every block of C++, CMake or shell says so:
 #     <!-- examples/minimal/main.cpp -->
 #     ```cpp
 file(READ "${SOURCE_DIR}/${DOCUMENT}" text)
-string(REGEX MATCHALL "```cpp" blocks "${text}")
-string(REGEX MATCHALL "<!-- [^ \n]+ -->\n```cpp" quotes "${text}")
+set(languages "cpp|cmake|sh")
+string(REGEX MATCHALL "```(${languages})\n" blocks "${text}")
+string(REGEX MATCHALL "<!-- [^ \n]+ -->\n```(${languages})\n" quotes "${text}")
 list(LENGTH blocks block_count)
 list(LENGTH quotes quote_count)
 if(NOT block_count EQUAL quote_count OR quote_count EQUAL 0)
-    message(FATAL_ERROR "${DOCUMENT}: ${quote_count} of ${block_count} C++ blocks name their file")
+    message(FATAL_ERROR "${DOCUMENT}: ${quote_count} of ${block_count} code blocks name their file")
 endif()
 foreach(quote IN LISTS quotes)
     string(REGEX REPLACE "<!-- ([^ \n]+) -->.*" "\\1" path "${quote}")
     file(READ "${SOURCE_DIR}/${path}" content)
-    string(FIND "${text}" "<!-- ${path} -->\n```cpp\n${content}```\n" position)
+    string(FIND "${text}" "${quote}${content}```\n" position)
     if(position EQUAL -1)
         message(SEND_ERROR "${DOCUMENT} does not quote ${path} as it is")
     endif()
