@@ -43,7 +43,7 @@ HANDWRITTEN = [
     ("auto-delete-replies", CORVANE, *before(CONSTRUCTED, "m_network->setAutoDeleteReplies(true);\n")),
     ("strict-transport-security", CORVANE, *before(CONSTRUCTED, "m_network->setStrictTransportSecurityEnabled(true);\n")),
     ("disk-cache", CORVANE, *before(CONSTRUCTED, """struct NoCache : QAbstractNetworkCache {
-        using QAbstractNetworkCache::QAbstractNetworkCache;
+        explicit NoCache(QObject *parent) : QAbstractNetworkCache(parent) { }
         QNetworkCacheMetaData metaData(const QUrl &) override { return {}; }
         void updateMetaData(const QNetworkCacheMetaData &) override { }
         QIODevice *data(const QUrl &) override { return nullptr; }

@@ -40,6 +40,7 @@ EQUIVALENT = HERE / "equivalent.txt"
 # Seconds. A test that takes longer by itself is left out, and a run that takes longer is a kill.
 LONGEST_TEST = 30
 TIME_OUT = 90
+BUILD = "<build>"
 
 KILLED, TIMED_OUT, REFUSED = "killed", "time-out", "tests do not build"
 NOT_COMPILING, SURVIVED, EQUAL = "not compiling", "SURVIVED", "equivalent"
@@ -183,10 +184,14 @@ def mount(*arguments):
 @dataclass
 class Test:
     name: str
-    program: Path  # in a worker's build directory
-    arguments: list
+    command: list  # with BUILD in the place of a worker's build directory
     environment: dict
     seconds: float = 0.0
+
+    @property
+    def program(self):
+        """The target to build before it runs, if it is one."""
+        return Path(self.command[0]).name if self.command[0].startswith(BUILD) else None
 
 
 class Worker:
@@ -252,21 +257,22 @@ class Worker:
             pass
 
     def tests(self):
-        """The test programs of the build: what CTest runs that was built here."""
+        """What CTest runs that was built here, and the check of the library's symbols."""
         shown = subprocess.run(["ctest", "--test-dir", self.build_directory, "--show-only=json-v1"],
                                capture_output=True, text=True, check=True).stdout
         for test in json.loads(shown)["tests"]:
             properties = {each["name"]: each["value"] for each in test.get("properties", [])}
-            program = Path(test["command"][0])
-            if program.is_relative_to(self.build_directory):
+            if test["name"] == "exports" or Path(test["command"][0]).is_relative_to(self.build_directory):
                 environment = dict(pair.split("=", 1) for pair in properties.get("ENVIRONMENT", []))
-                yield Test(test["name"], program.relative_to(self.build_directory), test["command"][1:], environment)
+                command = [part.replace(str(self.build_directory), BUILD) for part in test["command"]]
+                yield Test(test["name"], command, environment)
 
     def run(self, test):
         """None if the test passes; else (outcome, what failed). Ends at the first failure."""
         environment = os.environ | test.environment | {
             "HOME": str(self.scratch), "TMPDIR": str(self.scratch), "QTEST_FUNCTION_TIMEOUT": "300000"}
-        process = self.start([self.build_directory / test.program, *test.arguments], environment)
+        command = [part.replace(BUILD, str(self.build_directory)) for part in test.command]
+        process = self.start(command, environment)
         late = threading.Event()
         timer = threading.Timer(TIME_OUT, lambda: (late.set(), self.end(process.pid)))
         timer.start()
@@ -294,7 +300,7 @@ class Worker:
                 return NOT_COMPILING, ""
             for test in sorted(tests, key=lambda test: (test.name != f"tst_{Path(mutant.path).stem}", test.seconds)):
                 # Tests see the public headers; a host would no longer build either.
-                if mutant.path.startswith("include/") and not self.build(test.program.name):
+                if mutant.path.startswith("include/") and test.program and not self.build(test.program):
                     return REFUSED, test.name
                 outcome = self.run(test)
                 # A test that fails by chance must not pass for one that noticed.
