@@ -646,6 +646,7 @@ QMap<QString, std::function<Exchange()>> tst_Contract::situations()
     const QString usagePath = u"/api/v1/client/usage"_s;
     const QString file = u"/releases/%1/stable/%2"_s;
     const QString approval = u"/paypal/approve/"_s;
+    const QString cancellation = u"/paypal/cancel/"_s;
 
     const Call check = [](Corvane &client) { client.checkForUpdate(u"1.0"_s, u"stable"_s); };
     const Call plans = [](Corvane &client) { client.fetchPurchasePlans(); };
@@ -685,6 +686,12 @@ QMap<QString, std::function<Exchange()>> tst_Contract::situations()
     };
     const auto handBroken = [this](const QByteArray &method, const QString &target) -> Situation {
         return [=] { return whileBroken([=] { return byHand(method, target); }); };
+    };
+    const auto fromElsewhere = [this](const QString &target) -> Situation {
+        const QByteArray form = "application/x-www-form-urlencoded";
+        const Request request{
+            "POST", target, {}, {{"Content-Type", form}, {"Origin", "http://a.example"}}, {}};
+        return [=] { return send(m_address, request); };
     };
     const auto order = [this] { return started().value("paypal_order_id"_L1).toString(); };
 
@@ -759,11 +766,17 @@ QMap<QString, std::function<Exchange()>> tst_Contract::situations()
          [=] { return byHand("GET", approval + cancelled("paypal_order_id"_L1)); }},
         {u"showApproval 404 unknown-order"_s, hand("GET", approval + nobody)},
         {u"showApproval 500 internal-error"_s, handBroken("GET", approval + nobody)},
-        {u"approve 200 approved"_s, [=] { return byHand("POST", approval + order()); }},
+        {u"approve 303 approved"_s, [=] { return byHand("POST", approval + order()); }},
+        {u"approve 403 other-site"_s, fromElsewhere(approval + nobody)},
         {u"approve 404 unknown-order"_s, hand("POST", approval + nobody)},
         {u"approve 409 cancelled"_s,
          [=] { return byHand("POST", approval + cancelled("paypal_order_id"_L1)); }},
         {u"approve 500 internal-error"_s, handBroken("POST", approval + nobody)},
+        {u"cancel 303 cancelled"_s, [=] { return byHand("POST", cancellation + order()); }},
+        {u"cancel 403 other-site"_s, fromElsewhere(cancellation + nobody)},
+        {u"cancel 404 unknown-order"_s, hand("POST", cancellation + nobody)},
+        {u"cancel 409 approved"_s, [=] { return byHand("POST", cancellation + approvedOrder()); }},
+        {u"cancel 500 internal-error"_s, handBroken("POST", cancellation + nobody)},
     };
 }
 
@@ -880,6 +893,8 @@ Exchange tst_Contract::send(const QString &server, const Request &request)
     QUrl url(server + request.path);
     url.setQuery(request.query);
     QNetworkRequest message(url);
+    message.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
+                         QNetworkRequest::ManualRedirectPolicy);
     for (auto header = request.headers.begin(); header != request.headers.end(); ++header)
         message.setRawHeader(header.key(), header.value());
     const std::unique_ptr<QNetworkReply> reply(
@@ -962,8 +977,7 @@ QString tst_Contract::paidKey()
 QString tst_Contract::cancelled(QLatin1StringView member)
 {
     const QJsonObject purchase = started();
-    query(u"UPDATE orders SET cancelled_at = '2026-01-01T00:00:00.000Z'"
-          " WHERE paypal_order_id = '%1'"_s.arg(purchase.value("paypal_order_id"_L1).toString()));
+    byHand("POST", "/paypal/cancel/"_L1 + purchase.value("paypal_order_id"_L1).toString());
     return purchase.value(member).toString();
 }
 

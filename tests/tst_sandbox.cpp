@@ -274,6 +274,15 @@ private Q_SLOTS:
     void approvalIsConfirmed();
     void approvingTwiceIsHarmless();
     void approvingAfterThePaymentIsHarmless();
+    void cancellingIsConfirmed();
+    void cancellingTwiceIsHarmless();
+    void decisionLeadsBackToThePage_data();
+    void decisionLeadsBackToThePage();
+    void decisionIsNotReversed_data();
+    void decisionIsNotReversed();
+    void pagesOfOtherSitesDecideNothing_data();
+    void pagesOfOtherSitesDecideNothing();
+    void pageKeepsToItself();
     void unknownOrderHasAPage_data();
     void unknownOrderHasAPage();
     void captureRefusesAnUnapprovedOrder();
@@ -304,6 +313,8 @@ private:
     Answer post(const QString &target, const QByteArray &body);
     Answer post(const QString &target, const QJsonObject &body);
     Answer approve(const QJsonObject &started);
+    Answer cancel(const QJsonObject &started);
+    QStringList decisions() const;
     Answer capture(const QJsonObject &started);
     QJsonObject start();
     QByteArray exchange(const QByteArray &requests, qsizetype answers);
@@ -1236,9 +1247,8 @@ void tst_Sandbox::approvalPageShowsThePurchase()
     for (const QByteArray &text :
          {QByteArray("<h1>Approva il pagamento</h1>"),
           started.value("paypal_order_id"_L1).toString().toUtf8(),
-          QByteArray("Abbonamento annuale"), QByteArray("99.00 EUR"),
-          QByteArray("Ada Rossi (ada@example.org)"),
-          QByteArray(R"(<form method="post"><button type="submit">Paga</button></form>)")})
+          QByteArray("Abbonamento annuale"), QByteArray("99,00\u00a0EUR"), QByteArray("Ada Rossi"),
+          QByteArray("ada@example.org"), QByteArray("<button>Paga</button>")})
         QVERIFY2(page.body.contains(text), text.constData());
     QCOMPARE(query(u"SELECT approved_at IS NULL FROM orders"_s), QStringList{u"1"_s});
 }
@@ -1250,13 +1260,13 @@ void tst_Sandbox::approvalPageEscapesItsTexts()
     request.insert("last_name"_L1, u"<i>È</i>"_s);
     request.insert("email"_L1, u"<b>@example.org"_s);
     const QJsonObject started = post(u"/api/v1/purchase/start"_s, request).json();
-    const QByteArray expected = "&lt;script&gt;&quot;&amp;%1%2 &lt;i&gt;È&lt;/i&gt; "
-                                "(&lt;b&gt;@example.org)";
+    const QByteArray name = "<dd>&lt;script&gt;&quot;&amp;%1%2 &lt;i&gt;È&lt;/i&gt;</dd>";
     for (const Answer &page : {get(started.value("approval_url"_L1).toString()), approve(started)})
     {
-        QVERIFY(page.body.contains(expected));
+        QVERIFY(page.body.contains(name));
+        QVERIFY(page.body.contains("<dd>&lt;b&gt;@example.org</dd>"));
         QVERIFY(page.body.contains("<dd>&lt;u&gt;</dd>"));
-        QVERIFY(page.body.contains("<dd>&lt;1&gt; &lt;E&gt;</dd>"));
+        QVERIFY(page.body.contains("<dd>&lt;1&gt;\u00a0&lt;E&gt;</dd>"));
     }
 }
 
@@ -1293,17 +1303,143 @@ void tst_Sandbox::approvingAfterThePaymentIsHarmless()
     QCOMPARE(query(u"SELECT count(*) FROM payments"_s), QStringList{u"1"_s});
 }
 
+void tst_Sandbox::cancellingIsConfirmed()
+{
+    const QJsonObject started = start();
+    const Answer page = cancel(started);
+    QCOMPARE(page.status, 200);
+    QCOMPARE(page.contentType, QByteArray("text/html; charset=utf-8"));
+    QVERIFY(page.body.contains("<h1>Pagamento annullato</h1>"));
+    QVERIFY(!page.body.contains("<form"));
+    QCOMPARE(query(u"SELECT approved_at IS NULL, cancelled_at IS NULL FROM orders"_s),
+             QStringList{u"1|0"_s});
+    QCOMPARE(get(started.value("approval_url"_L1).toString()).body, page.body);
+}
+
+void tst_Sandbox::cancellingTwiceIsHarmless()
+{
+    const QJsonObject started = start();
+    const Answer first = cancel(started);
+    const QStringList time = decisions();
+    const Answer second = cancel(started);
+    QCOMPARE(second.status, 200);
+    QCOMPARE(second.body, first.body);
+    QCOMPARE(decisions(), time);
+}
+
+void tst_Sandbox::decisionLeadsBackToThePage_data()
+{
+    QTest::addColumn<QString>("decision");
+    QTest::newRow("approve") << u"approve"_s;
+    QTest::newRow("cancel") << u"cancel"_s;
+}
+
+// So that to load it again posts nothing again.
+void tst_Sandbox::decisionLeadsBackToThePage()
+{
+    QFETCH(const QString, decision);
+    const QString page = start().value("approval_url"_L1).toString();
+    QNetworkRequest request(QUrl(QString(page).replace(u"approve"_s, decision)));
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
+                         QNetworkRequest::ManualRedirectPolicy);
+    request.setHeader(QNetworkRequest::ContentTypeHeader, u"application/x-www-form-urlencoded"_s);
+    QNetworkReply *reply = m_network->post(request, QByteArray());
+    QUrl location;
+    connect(reply, &QNetworkReply::finished, reply, [&location, reply] {
+        location = reply->header(QNetworkRequest::LocationHeader).toUrl();
+    });
+    const Answer answer = answerTo(reply);
+    QCOMPARE(answer.status, 303);
+    QCOMPARE(QUrl(page).resolved(location), QUrl(page));
+    QCOMPARE(answer.body, get(page).body);
+}
+
+void tst_Sandbox::decisionIsNotReversed_data()
+{
+    QTest::addColumn<bool>("approves");
+    QTest::addColumn<bool>("pays");
+    QTest::newRow("approve-cancelled") << false << false;
+    QTest::newRow("cancel-approved") << true << false;
+    QTest::newRow("cancel-paid") << true << true;
+}
+
+void tst_Sandbox::decisionIsNotReversed()
+{
+    QFETCH(const bool, approves);
+    QFETCH(const bool, pays);
+    const QJsonObject started = start();
+    const QByteArray page = approves ? approve(started).body : cancel(started).body;
+    if (pays)
+        QCOMPARE(capture(started).status, 200);
+    const QStringList before = decisions();
+    const Answer answer = approves ? cancel(started) : approve(started);
+    QCOMPARE(answer.status, 409);
+    QCOMPARE(answer.contentType, QByteArray("text/html; charset=utf-8"));
+    QCOMPARE(answer.body, page);
+    QCOMPARE(decisions(), before);
+}
+
+void tst_Sandbox::pagesOfOtherSitesDecideNothing_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QByteArray>("origin");
+    QTest::addColumn<int>("status");
+    for (const QString &path : {u"/paypal/approve/"_s, u"/paypal/cancel/"_s}) {
+        const auto row = [path](const char *tag, const char *origin, int status) {
+            QTest::addRow("%s%s", qUtf8Printable(path.section(u'/', 2)), tag)
+                << path << QByteArray(origin) << status;
+        };
+        row("other", "http://a.example", 403);
+        row("hidden", "null", 403);
+        row("other-port", "http://127.0.0.1:1", 403);
+        row("other-scheme", "https://own", 403);
+        row("own", "http://own", 200);
+    }
+}
+
+void tst_Sandbox::pagesOfOtherSitesDecideNothing()
+{
+    QFETCH(const QString, path);
+    QFETCH(QByteArray, origin);
+    QFETCH(const int, status);
+    const QString order = start().value("paypal_order_id"_L1).toString();
+    QNetworkRequest request(QUrl(m_sandbox->address() + path + order));
+    request.setHeader(QNetworkRequest::ContentTypeHeader, u"application/x-www-form-urlencoded"_s);
+    request.setRawHeader(
+        "Origin", origin.replace("own", "127.0.0.1:" + QByteArray::number(m_sandbox->port())));
+    const Answer answer = answerTo(m_network->post(request, QByteArray()));
+    QCOMPARE(answer.status, status);
+    QCOMPARE(answer.contentType, QByteArray("text/html; charset=utf-8"));
+    QCOMPARE(answer.body.contains("<h1>Richiesta rifiutata</h1>"), status == 403);
+    QCOMPARE(decisions() == QStringList{u"|"_s}, status == 403);
+}
+
+// No other page may show it within itself, and nothing keeps it.
+void tst_Sandbox::pageKeepsToItself()
+{
+    const QByteArray answers = exchange("GET /paypal/approve/X HTTP/1.1\r\nHost: a\r\n\r\n", 1);
+    for (const QByteArray &header :
+         {QByteArray("Content-Security-Policy: default-src 'none'; style-src 'unsafe-inline'; "
+                     "form-action 'self'; base-uri 'none'; frame-ancestors 'none'\r\n"),
+          QByteArray("X-Content-Type-Options: nosniff\r\n"),
+          QByteArray("Cache-Control: no-store\r\n")})
+        QVERIFY2(answers.contains(header), answers.constData());
+}
+
 void tst_Sandbox::unknownOrderHasAPage_data()
 {
     QTest::addColumn<bool>("posted");
-    QTest::newRow("get") << false;
-    QTest::newRow("post") << true;
+    QTest::addColumn<QString>("target");
+    const QString approve = u"/paypal/approve/NESSUNO"_s;
+    QTest::newRow("get") << false << approve;
+    QTest::newRow("approve") << true << approve;
+    QTest::newRow("cancel") << true << u"/paypal/cancel/NESSUNO"_s;
 }
 
 void tst_Sandbox::unknownOrderHasAPage()
 {
     QFETCH(const bool, posted);
-    const QString target = u"/paypal/approve/NESSUNO"_s;
+    QFETCH(const QString, target);
     const Answer page = posted ? post(target, QByteArray()) : get(target);
     QCOMPARE(page.status, 404);
     QCOMPARE(page.contentType, QByteArray("text/html; charset=utf-8"));
@@ -1561,6 +1697,7 @@ void tst_Sandbox::refusesOtherMethods_data()
                                << QByteArray("POST");
     QTest::newRow("delete-approval")
         << QByteArray("DELETE") << u"/paypal/approve/X"_s << QByteArray("GET, POST");
+    QTest::newRow("get-cancel") << QByteArray("GET") << u"/paypal/cancel/X"_s << QByteArray("POST");
 }
 
 void tst_Sandbox::refusesOtherMethods()
@@ -1733,11 +1870,23 @@ Answer tst_Sandbox::post(const QString &target, const QJsonObject &body)
     return post(target, compact(body));
 }
 
-// As the page's button does, but on the sandbox that runs now: a restart changes the port.
+// As the page's buttons do, but on the sandbox that runs now: a restart changes the port.
 Answer tst_Sandbox::approve(const QJsonObject &started)
 {
     return post("/paypal/approve/"_L1 + started.value("paypal_order_id"_L1).toString(),
                 QByteArray());
+}
+
+Answer tst_Sandbox::cancel(const QJsonObject &started)
+{
+    return post("/paypal/cancel/"_L1 + started.value("paypal_order_id"_L1).toString(),
+                QByteArray());
+}
+
+// When each order was approved and cancelled.
+QStringList tst_Sandbox::decisions() const
+{
+    return query(u"SELECT approved_at, cancelled_at FROM orders"_s);
 }
 
 Answer tst_Sandbox::capture(const QJsonObject &started)

@@ -99,11 +99,9 @@ void Control::answer(HttpConnection *connection)
 
 void Control::checkOrigin(const HttpRequest &request)
 {
-    const QByteArray host = request.header("Host");
-    if (!isThisMachine(host))
+    if (!isThisMachine(request.header("Host")))
         throw Refusal{403, u"use this machine's IP address, or localhost, in the URL"_s};
-    const QByteArray origin = request.header("Origin");
-    if (!origin.isNull() && origin != "http://" + host)
+    if (request.isOfAnotherSite())
         throw Refusal{403, u"pages of other sites may not control the sandbox"_s};
     const QByteArray type = request.header("Content-Type").split(';').constFirst().trimmed();
     if (request.method == "POST" && type.toLower() != "application/json")

@@ -54,6 +54,11 @@ QString joinedPath(const QStringList &parts)
     return path;
 }
 
+QString approvalPath(const QString &orderId)
+{
+    return joinedPath({u"paypal"_s, u"approve"_s, orderId});
+}
+
 // Plausible is enough: something, an at sign, a host name with a dot.
 bool isEmailAddress(const QString &text)
 {
@@ -102,6 +107,7 @@ const Service::Route Service::routes[] = {
     {Operation::Capture, "POST", "/api/v1/purchase/capture"_L1, &Service::capturePurchase},
     {Operation::Approval, "GET", "/paypal/approve/*"_L1, &Service::showApproval},
     {Operation::Approval, "POST", "/paypal/approve/*"_L1, &Service::approve},
+    {Operation::Approval, "POST", "/paypal/cancel/*"_L1, &Service::cancel},
     {Operation::Usage, "POST", "/api/v1/client/usage"_L1, &Service::addUsageEvent},
 };
 
@@ -311,26 +317,23 @@ HttpReply Service::capturePurchase(const HttpRequest &request, const QStringList
 HttpReply Service::showApproval(const HttpRequest &, const QStringList &parts)
 {
     const std::optional<Purchase> purchase = shownPurchase(parts.at(0));
-    if (!purchase)
-        return pageReply(unknownOrderPage(), 404);
-    if (purchase->state == Purchase::Cancelled)
-        return pageReply(cancelledPage(*purchase));
-    if (purchase->state != Purchase::Pending)
-        return pageReply(approvedPage(*purchase));
-    return pageReply(approvalPage(*purchase));
+    return purchase ? pageReply(approvalPage(*purchase)) : pageReply(unknownOrderPage(), 404);
 }
 
 // POST /paypal/approve/<order id>
-HttpReply Service::approve(const HttpRequest &, const QStringList &parts)
+//
+// Reply: see decide().
+HttpReply Service::approve(const HttpRequest &request, const QStringList &parts)
 {
-    const std::optional<Purchase> purchase = shownPurchase(parts.at(0));
-    if (!purchase)
-        return pageReply(unknownOrderPage(), 404);
+    return decide(request, parts.at(0), &Store::approve);
+}
 
-    if (purchase->state == Purchase::Cancelled)
-        return pageReply(cancelledPage(*purchase), 409);
-    m_store.approve(*purchase);
-    return pageReply(approvedPage(*purchase));
+// POST /paypal/cancel/<order id>
+//
+// Reply: see decide().
+HttpReply Service::cancel(const HttpRequest &request, const QStringList &parts)
+{
+    return decide(request, parts.at(0), &Store::cancel);
 }
 
 // POST /api/v1/client/usage
@@ -370,9 +373,36 @@ HttpReply Service::jsonReply(const QJsonObject &object, int status)
             QJsonDocument(object).toJson(QJsonDocument::Compact)};
 }
 
+// Nothing but itself, not even within another page, where a click may be led astray. Not kept: the
+// order goes on.
 HttpReply Service::pageReply(const QByteArray &page, int status)
 {
-    return {status, {{"Content-Type", "text/html; charset=utf-8"}}, page};
+    return {status,
+            {{"Content-Type", "text/html; charset=utf-8"},
+             {"Content-Security-Policy",
+              "default-src 'none'; style-src 'unsafe-inline'; form-action 'self'; base-uri 'none'; "
+              "frame-ancestors 'none'"},
+             {"X-Content-Type-Options", "nosniff"},
+             {"Cache-Control", "no-store"}},
+            page};
+}
+
+// Does what the buyer wants, unless he has decided otherwise before, which is a conflict. Leads
+// back to the order's page, so that to load it again posts nothing again.
+HttpReply Service::decide(const HttpRequest &request, const QString &orderId,
+                          bool (Store::*decision)(const QString &orderId))
+{
+    if (request.isOfAnotherSite())
+        return pageReply(otherSitePage(), 403);
+    const bool isDone = (m_store.*decision)(orderId);
+    const std::optional<Purchase> purchase = shownPurchase(orderId);
+    if (!purchase)
+        return pageReply(unknownOrderPage(), 404);
+
+    HttpReply reply = pageReply(approvalPage(*purchase), isDone ? 303 : 409);
+    if (isDone)
+        reply.headers.emplaceBack("Location", approvalPath(orderId).toLatin1());
+    return reply;
 }
 
 // For a page.
@@ -428,8 +458,7 @@ QJsonObject Service::startAnswer(const HttpRequest &request, const Purchase &pur
             {u"license_id"_s, purchase.licenseId},
             {u"license_key"_s, purchase.licenseKey},
             {u"paypal_order_id"_s, purchase.orderId},
-            {u"approval_url"_s,
-             addressFor(request) + joinedPath({u"paypal"_s, u"approve"_s, purchase.orderId})}};
+            {u"approval_url"_s, addressFor(request) + approvalPath(purchase.orderId)}};
 }
 
 QString Service::addressFor(const HttpRequest &request) const

@@ -59,10 +59,13 @@ private:
     HttpReply capturePurchase(const HttpRequest &request, const QStringList &parts);
     HttpReply showApproval(const HttpRequest &request, const QStringList &parts);
     HttpReply approve(const HttpRequest &request, const QStringList &parts);
+    HttpReply cancel(const HttpRequest &request, const QStringList &parts);
     HttpReply addUsageEvent(const HttpRequest &request, const QStringList &parts);
 
     static HttpReply jsonReply(const QJsonObject &object, int status = 200);
     static HttpReply pageReply(const QByteArray &page, int status = 200);
+    HttpReply decide(const HttpRequest &request, const QString &orderId,
+                     bool (Store::*decision)(const QString &orderId));
     std::optional<Purchase> shownPurchase(const QString &orderId) const;
     static HttpReply fileReply(const QString &path);
     static QJsonObject objectFrom(const HttpRequest &request);

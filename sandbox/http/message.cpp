@@ -39,6 +39,12 @@ QUrlQuery HttpRequest::query() const
     return mark < 0 ? QUrlQuery() : QUrlQuery(QString::fromLatin1(target.sliced(mark + 1)));
 }
 
+bool HttpRequest::isOfAnotherSite() const
+{
+    const QByteArray origin = header("Origin");
+    return !origin.isNull() && origin != "http://" + header("Host");
+}
+
 qint64 HttpReply::size() const
 {
     return file ? file->size() : body.size();

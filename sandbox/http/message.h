@@ -34,6 +34,8 @@ struct HttpRequest
     QByteArray path() const;
     QUrlQuery query() const;
     QByteArray header(QByteArrayView name) const { return headerValue(headers, name); }
+    // A browser has sent it for a page that is not from here, or hides where it is from.
+    bool isOfAnotherSite() const;
 };
 
 struct HttpReply

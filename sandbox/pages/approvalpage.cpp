@@ -1,74 +1,90 @@
 #include "pages/approvalpage.h"
+
 #include "state/store.h"
+
+#include <QtCore/qfile.h>
+#include <QtCore/qurl.h>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
-QByteArray page(const QString &title, const QString &content)
+QString frame()
 {
-    return uR"(<!DOCTYPE html>
-<html lang="it">
-<head>
-<meta charset="utf-8">
-<meta name="viewport" content="width=device-width, initial-scale=1">
-<title>%1</title>
-<style>
-body { font: 1.1rem/1.5 system-ui, sans-serif; max-width: 32rem; margin: 3rem auto; padding: 0 1rem }
-dt { color: #555 }
-dd { margin: 0 0 .75rem }
-button { font: inherit; padding: .6rem 2rem }
-</style>
-</head>
-<body>
-<h1>%1</h1>
-%2
-<p><small>Servizio di prova: nessun denaro viene addebitato.</small></p>
-</body>
-</html>
-)"_s.arg(title, content)
-        .toUtf8();
+    QFile file(u":/pages/approvalpage.html"_s);
+    if (!file.open(QIODevice::ReadOnly))
+        qFatal("The approval page was not built in.");
+    return QString::fromUtf8(file.readAll());
+}
+
+// The kind is good, bad or neither.
+QByteArray page(const QString &title, QLatin1StringView kind, const QString &content)
+{
+    static const QString whole = frame();
+    return whole.arg(title, kind, content).toUtf8();
+}
+
+QString price(const Purchase &purchase)
+{
+    return QString(purchase.price).replace(u'.', u',') + QChar::Nbsp + purchase.currency;
 }
 
 // All values at once: a percent sign in a buyer's name is no place marker.
 QString summary(const Purchase &purchase)
 {
-    return uR"(<dl>
-<dt>Ordine</dt><dd>%1</dd>
-<dt>Piano</dt><dd>%2</dd>
-<dt>Prezzo</dt><dd>%3 %4</dd>
-<dt>Acquirente</dt><dd>%5 %6 (%7)</dd>
+    return uR"(
+<dl>
+<div><dt>Ordine</dt><dd>%1</dd></div>
+<div><dt>Piano</dt><dd>%2</dd></div>
+<div><dt>Acquirente</dt><dd>%3 %4</dd></div>
+<div><dt>E-mail</dt><dd>%5</dd></div>
+<div class="total"><dt>Prezzo</dt><dd>%6</dd></div>
 </dl>)"_s.arg(purchase.orderId.toHtmlEscaped(), purchase.planName.toHtmlEscaped(),
-              purchase.price.toHtmlEscaped(), purchase.currency.toHtmlEscaped(),
               purchase.buyer.firstName.toHtmlEscaped(), purchase.buyer.lastName.toHtmlEscaped(),
-              purchase.buyer.email.toHtmlEscaped());
+              purchase.buyer.email.toHtmlEscaped(), price(purchase).toHtmlEscaped());
+}
+
+// The first button is the one that Tab reaches first.
+QString form(const Purchase &purchase)
+{
+    return uR"(
+<form method="post">
+<button>Paga</button>
+<button formaction="../cancel/%1">Annulla</button>
+</form>)"_s.arg(QString::fromLatin1(QUrl::toPercentEncoding(purchase.orderId)));
 }
 
 } // namespace
 
 QByteArray approvalPage(const Purchase &purchase)
 {
-    return page(u"Approva il pagamento"_s,
-                summary(purchase)
-                    + "\n<form method=\"post\"><button type=\"submit\">Paga</button></form>"_L1);
-}
-
-QByteArray approvedPage(const Purchase &purchase)
-{
-    return page(u"Pagamento approvato"_s,
-                summary(purchase)
-                    + "\n<p>Ora puoi chiudere questa pagina e tornare all'applicazione.</p>"_L1);
-}
-
-QByteArray cancelledPage(const Purchase &purchase)
-{
-    return page(u"Pagamento annullato"_s,
-                summary(purchase)
-                    + "\n<p>Per acquistare, avvia di nuovo l'acquisto dall'applicazione.</p>"_L1);
+    switch (purchase.state) {
+    case Purchase::Pending:
+        return page(u"Approva il pagamento"_s, {},
+                    "<p>Controlla l'ordine, poi paga o annulla.</p>"_L1 + summary(purchase)
+                        + form(purchase));
+    case Purchase::Approved:
+    case Purchase::Paid:
+        return page(u"Pagamento approvato"_s, "good"_L1,
+                    "<p>Ora puoi chiudere questa pagina e tornare all'applicazione.</p>"_L1
+                        + summary(purchase));
+    case Purchase::Cancelled:
+        return page(u"Pagamento annullato"_s, "bad"_L1,
+                    "<p>Per acquistare, avvia di nuovo l'acquisto dall'applicazione.</p>"_L1
+                        + summary(purchase));
+    }
+    Q_UNREACHABLE();
 }
 
 QByteArray unknownOrderPage()
 {
-    return page(u"Ordine sconosciuto"_s,
+    return page(u"Ordine sconosciuto"_s, "bad"_L1,
                 u"<p>Questo ordine non esiste. Avvia di nuovo l'acquisto dall'applicazione.</p>"_s);
+}
+
+QByteArray otherSitePage()
+{
+    return page(
+        u"Richiesta rifiutata"_s, "bad"_L1,
+        u"<p>La richiesta viene da un altro sito. Apri questa pagina dall'applicazione.</p>"_s);
 }

@@ -5,10 +5,13 @@
 
 struct Purchase;
 
-// The pages where the buyer approves a payment, in UTF-8. The form posts to the page's own URL.
+// The pages on the buyer's way through the payment, in UTF-8.
+
+// The order as it is. If it waits for the buyer, "Paga" posts to the page's own URL,
+// /paypal/approve/<order id>, and "Annulla" to /paypal/cancel/<order id>.
 QByteArray approvalPage(const Purchase &purchase);
-QByteArray approvedPage(const Purchase &purchase);
-QByteArray cancelledPage(const Purchase &purchase);
 QByteArray unknownOrderPage();
+// Instead of doing what a page of another site has posted.
+QByteArray otherSitePage();
 
 #endif // APPROVALPAGE_H

@@ -242,12 +242,24 @@ std::optional<Purchase> Store::purchaseByOrder(const QString &orderId) const
         run(m_database, selectPurchase + "WHERE paypal_order_id = ?"_L1, {orderId}));
 }
 
-void Store::approve(const Purchase &purchase)
+bool Store::approve(const QString &orderId)
 {
-    run(m_database,
-        u"UPDATE orders SET approved_at = ?"
-        " WHERE id = ? AND approved_at IS NULL AND cancelled_at IS NULL"_s,
-        {now(), purchase.paymentId});
+    return run(m_database,
+               u"UPDATE orders SET approved_at = ifnull(approved_at, ?)"
+               " WHERE paypal_order_id = ? AND cancelled_at IS NULL"_s,
+               {now(), orderId})
+               .numRowsAffected()
+        > 0;
+}
+
+bool Store::cancel(const QString &orderId)
+{
+    return run(m_database,
+               u"UPDATE orders SET cancelled_at = ifnull(cancelled_at, ?)"
+               " WHERE paypal_order_id = ? AND approved_at IS NULL"_s,
+               {now(), orderId})
+               .numRowsAffected()
+        > 0;
 }
 
 void Store::pay(const Purchase &purchase)

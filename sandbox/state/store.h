@@ -130,8 +130,11 @@ public:
     std::optional<Purchase> purchaseByLicense(const QString &productCode,
                                               const QString &licenseKey) const;
     std::optional<Purchase> purchaseByOrder(const QString &orderId) const;
-    // Approving or paying what is already approved or paid changes nothing.
-    void approve(const Purchase &purchase);
+    // The buyer's decision: false if there is no such order, or if it was the other one before. To
+    // take the same one twice changes nothing.
+    bool approve(const QString &orderId);
+    bool cancel(const QString &orderId);
+    // To pay what is already paid changes nothing.
     void pay(const Purchase &purchase);
 
     void addUsageEvent(const UsageEvent &event);

@@ -60,6 +60,8 @@ Sandbox::Answer Sandbox::ask(const QByteArray &method, const QString &path, cons
 {
     QNetworkAccessManager network;
     QNetworkRequest request(url(path));
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
+                         QNetworkRequest::ManualRedirectPolicy);
     for (auto header = headers.begin(); header != headers.end(); ++header)
         request.setRawHeader(header.key(), header.value());
     const std::unique_ptr<QNetworkReply> reply(network.sendCustomRequest(request, method, body));

@@ -39,7 +39,7 @@ public:
     // All that it has printed beside its address.
     QString complaints();
 
-    // Asks once more over a new connection each time.
+    // Asks once, over a new connection each time, and follows no redirect.
     Answer get(const QString &path, const Headers &headers = {}) const;
     Answer post(const QString &path, const QJsonObject &body) const;
     Answer ask(const QByteArray &method, const QString &path, const QByteArray &body = {},
