@@ -121,6 +121,8 @@ private:
     void post(const QString &path, const QJsonObject &body, Step step)
     {
         QNetworkRequest request(m_server.resolved(QUrl(path)));
+        request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
+                             QNetworkRequest::ManualRedirectPolicy);
         request.setHeader(QNetworkRequest::ContentTypeHeader, u"application/json"_s);
         QNetworkReply *reply =
             m_network.post(request, QJsonDocument(body).toJson(QJsonDocument::Compact));
