@@ -1,5 +1,8 @@
+#include "files.h"
+#include "rawclient.h"
 #include "sandbox.h"
 
+#include <QtCore/qdatetime.h>
 #include <QtCore/qjsonarray.h>
 #include <QtCore/qjsondocument.h>
 #include <QtTest/qtest.h>
@@ -34,12 +37,23 @@ private Q_SLOTS:
     void rulesAreAddedAndTakenOut();
     void scenarioReplacesAllRules();
     void stateIsShown();
+    void usageIsCountedOverTime_data();
+    void usageIsCountedOverTime();
+    void usageOfTheLastSecondsIsCounted();
+    void rareTypesAreCountedTogether();
     void resetUndoesEverything();
     void resetBringsBackTheArguments();
     void controlIsNoPartOfTheService();
     void repliesAreNotCached();
+    void pageIsServed_data();
+    void pageIsServed();
+    void folderWithoutSlashLeadsToThePage();
 
 private:
+    void startWithUsage(const QJsonArray &events);
+    QJsonObject usage(const QString &query = {}) const;
+
+    QTemporaryDir m_folder;
     std::unique_ptr<Sandbox> m_sandbox;
 };
 
@@ -69,9 +83,10 @@ void tst_SandboxControl::refuses_data()
                            << QByteArray(body) << status << QString::fromLatin1(error);
     };
     const char *const nothing =
-        "there is nothing here: see state, faults, scenarios and journal below /sandbox/";
-    row("root", "GET", "", "", 404, nothing);
+        "there is nothing here: see state, usage, faults, scenarios and journal below /sandbox/";
     row("unknown", "GET", "/fault", "", 404, nothing);
+    row("unknown-file", "GET", "/dashboard.cpp", "", 404, nothing);
+    row("post-page", "POST", "/", "{}", 405, "this method is not for this path");
     row("other-method", "PUT", "/faults", "{}", 405, "this method is not for this path");
     row("get-reset", "GET", "/reset", "", 405, "this method is not for this path");
     row("not-json", "POST", "/faults", "{", 400, "the body is not JSON: unterminated object at 1");
@@ -89,6 +104,10 @@ void tst_SandboxControl::refuses_data()
         "since: must be a whole number from 0 to 9223372036854775807");
     row("wait-text", "GET", "/journal?wait=long", "", 400,
         "wait: must be a whole number from 0 to 60");
+    row("most-text", "GET", "/journal?most=all", "", 400,
+        "most: must be a whole number from 0 to 9223372036854775807");
+    row("seconds-negative", "GET", "/usage?seconds=-1", "", 400,
+        "seconds: must be a whole number from 0 to 1000000000");
     row("wait-too-long", "GET", "/journal?wait=61", "", 400,
         "wait: must be a whole number from 0 to 60");
 }
@@ -174,6 +193,11 @@ void tst_SandboxControl::ownPagesAreServed()
 void tst_SandboxControl::methodsAreNamed()
 {
     QCOMPARE(m_sandbox->ask("PUT", faultsPath, {}, json).allow, QByteArray("GET, POST, DELETE"));
+    RawClient client(m_sandbox->port());
+    client.send("HEAD /sandbox/ HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n");
+    const QByteArray reply = client.untilClosed();
+    QVERIFY2(reply.startsWith("HTTP/1.1 405 ") && reply.contains("\r\nAllow: GET\r\n"),
+             reply.constData());
 }
 
 void tst_SandboxControl::rulesAreAddedAndTakenOut()
@@ -227,6 +251,101 @@ void tst_SandboxControl::stateIsShown()
             || state.value("orders"_L1)[0]["approved_at"_L1] == QJsonValue(u""_s));
 }
 
+void tst_SandboxControl::usageIsCountedOverTime_data()
+{
+    QTest::addColumn<QStringList>("times");
+    QTest::addColumn<int>("step");
+    QTest::addColumn<QString>("counts");
+
+    const QString day = u"2026-01-05T"_s;
+    QTest::newRow("one") << QStringList{day + "10:00:07Z"_L1} << 1 << u"10:00:07 1"_s;
+    QTest::newRow("seconds") << QStringList{day + "10:00:00.999Z"_L1, day + "10:00:01Z"_L1,
+                                            day + "10:00:58Z"_L1, day + "10:00:00Z"_L1}
+                             << 1 << u"10:00:00 2, 10:00:01 1, 10:00:58 1"_s;
+    QTest::newRow("pairs-of-seconds")
+        << QStringList{day + "10:00:03Z"_L1, day + "10:00:02Z"_L1, day + "10:01:02Z"_L1} << 2
+        << u"10:00:02 2, 10:01:02 1"_s;
+    QTest::newRow("minutes") << QStringList{day + "10:00:59Z"_L1, day + "10:58:00Z"_L1} << 60
+                             << u"10:00:00 1, 10:58:00 1"_s;
+    QTest::newRow("half-hours") << QStringList{day + "00:31:00Z"_L1, day + "23:59:59Z"_L1} << 1800
+                                << u"00:30:00 1, 23:30:00 1"_s;
+    QTest::newRow("long-ago") << QStringList{u"1996-01-05T00:00:00Z"_s, day + "00:00:00Z"_L1}
+                              << 16'046'970 << QString();
+}
+
+void tst_SandboxControl::usageIsCountedOverTime()
+{
+    QFETCH(const QStringList, times);
+    QFETCH(const int, step);
+    QFETCH(const QString, counts);
+    QJsonArray events;
+    for (const QString &time : times)
+        events.append(QJsonObject{{u"event_type"_s, u"avvio"_s}, {u"received_at"_s, time}});
+    startWithUsage(events);
+
+    const QJsonObject shown = usage();
+    QCOMPARE(shown.value("step_s"_L1).toInt(), step);
+    QStringList lines;
+    const QJsonArray all = shown.value("counts"_L1).toArray();
+    int total = 0;
+    for (const QJsonValue &count : all) {
+        QCOMPARE(count["event_type"_L1].toString(), u"avvio"_s);
+        total += count["events"_L1].toInt();
+        lines += u"%1 %2"_s.arg(count["from"_L1].toString().sliced(11, 8),
+                                QString::number(count["events"_L1].toInt()));
+    }
+    QCOMPARE(total, times.size());
+    QVERIFY(counts.isNull() || lines.join(u", "_s) == counts);
+    // The first step begins with the span, and there are not too many of them.
+    const auto time = [&shown](const QString &name) {
+        return QDateTime::fromString(shown.value(name).toString(), Qt::ISODate);
+    };
+    QCOMPARE(shown.value("from"_L1), all.at(0)["from"_L1]);
+    QVERIFY(time(u"from"_s).secsTo(time(u"to"_s)) / step < 60);
+}
+
+void tst_SandboxControl::usageOfTheLastSecondsIsCounted()
+{
+    const QDateTime now = QDateTime::currentDateTimeUtc();
+    QJsonArray events;
+    for (const int ago : {0, 30, 3000}) {
+        events.append(QJsonObject{{u"event_type"_s, QString::number(ago)},
+                                  {u"received_at"_s, now.addSecs(-ago).toString(Qt::ISODate)}});
+    }
+    startWithUsage(events);
+    const auto types = [this](const QString &query) {
+        QStringList list;
+        const QJsonArray all = usage(query).value("counts"_L1).toArray();
+        for (const QJsonValue &count : all)
+            list += count["event_type"_L1].toString();
+        list.sort();
+        return list.join(u' ');
+    };
+    QCOMPARE(types(u"?seconds=1500"_s), u"0 30"_s);
+    QCOMPARE(types(u"?seconds=6000"_s), u"0 30 3000"_s);
+    QCOMPARE(types(u"?seconds=0"_s), u"0 30 3000"_s);
+    const QJsonObject quiet = usage(u"?seconds=1500"_s);
+    QCOMPARE(quiet.value("step_s"_L1).toInt(), 30);
+}
+
+void tst_SandboxControl::rareTypesAreCountedTogether()
+{
+    const QString time = u"2026-01-05T10:00:00Z"_s;
+    const QString types = u"aaabbcccddeefgg"_s;
+    QJsonArray events;
+    for (const QChar type : types)
+        events.append(QJsonObject{{u"event_type"_s, QString(type)}, {u"received_at"_s, time}});
+    startWithUsage(events);
+    QStringList lines;
+    const QJsonArray all = usage().value("counts"_L1).toArray();
+    for (const QJsonValue &count : all) {
+        lines += count["event_type"_L1].toString(u"null"_s)
+            + QString::number(count["events"_L1].toInt());
+    }
+    lines.sort();
+    QCOMPARE(lines.join(u' '), u"a3 b2 c3 d2 e2 null3"_s);
+}
+
 void tst_SandboxControl::resetUndoesEverything()
 {
     const auto look = [this] { return m_sandbox->get(u"/sandbox/state"_s).body; };
@@ -274,12 +393,87 @@ void tst_SandboxControl::controlIsNoPartOfTheService()
     m_sandbox->post(u"/sandbox/scenario"_s, {{u"name"_s, u"service-down"_s}});
     const QJsonObject journal = m_sandbox->get(u"/sandbox/journal"_s).json();
     QVERIFY(journal.value("entries"_L1).toArray().isEmpty());
+    QCOMPARE(m_sandbox->get(u"/sandbox/"_s).status, 200);
     QCOMPARE(m_sandbox->get(u"/sandboxes"_s).status, 503);
+    QCOMPARE(m_sandbox->get(u"/"_s).status, 503);
 }
 
 void tst_SandboxControl::repliesAreNotCached()
 {
     QCOMPARE(m_sandbox->get(faultsPath).cacheControl, QByteArray("no-store"));
+}
+
+void tst_SandboxControl::pageIsServed_data()
+{
+    QTest::addColumn<QByteArray>("path");
+    QTest::addColumn<QByteArray>("type");
+    QTest::addColumn<QByteArray>("part");
+    QTest::newRow("html") << QByteArray("/sandbox/") << QByteArray("text/html; charset=utf-8")
+                          << QByteArray("<title>corvane-sandbox</title>");
+    QTest::newRow("query") << QByteArray("/sandbox/?a=b") << QByteArray("text/html; charset=utf-8")
+                           << QByteArray("src=\"dashboard.js\"");
+    QTest::newRow("css") << QByteArray("/sandbox/dashboard.css")
+                         << QByteArray("text/css; charset=utf-8") << QByteArray("color-scheme");
+    QTest::newRow("js") << QByteArray("/sandbox/dashboard.js")
+                        << QByteArray("text/javascript; charset=utf-8")
+                        << QByteArray("addEventListener");
+    QTest::newRow("icon") << QByteArray("/sandbox/icon.svg") << QByteArray("image/svg+xml")
+                          << QByteArray("<svg ");
+}
+
+void tst_SandboxControl::pageIsServed()
+{
+    QFETCH(const QByteArray, path);
+    QFETCH(const QByteArray, type);
+    QFETCH(const QByteArray, part);
+    RawClient client(m_sandbox->port());
+    client.send("GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+    const QByteArray reply = client.reply();
+    const qsizetype end = reply.indexOf("\r\n\r\n");
+    const QByteArray body = reply.sliced(end + 4);
+    QVERIFY2(body.contains(part), body.constData());
+    QCOMPARE(reply.first(end),
+             "HTTP/1.1 200 OK\r\nContent-Type: " + type
+                 + "\r\nCache-Control: no-store\r\nX-Content-Type-Options: nosniff\r\n"
+                   "Content-Security-Policy: default-src 'none'; connect-src 'self'; "
+                   "img-src 'self'; script-src 'self'; style-src 'self'; base-uri 'none'; "
+                   "form-action 'none'; frame-ancestors 'none'\r\nContent-Length: "
+                 + QByteArray::number(body.size()));
+}
+
+void tst_SandboxControl::folderWithoutSlashLeadsToThePage()
+{
+    RawClient client(m_sandbox->port());
+    client.send("GET /sandbox HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+    QCOMPARE(client.reply(),
+             QByteArray("HTTP/1.1 308 Permanent Redirect\r\nLocation: /sandbox/\r\n"
+                        "Content-Length: 0\r\n\r\n"));
+}
+
+// Events of DEMO, each by one machine.
+void tst_SandboxControl::startWithUsage(const QJsonArray &events)
+{
+    QJsonArray all;
+    for (const QJsonValue &event : events) {
+        QJsonObject object = event.toObject();
+        object.insert("product_code"_L1, u"DEMO"_s);
+        object.insert("machine_fingerprint"_L1, u"m"_s);
+        all.append(object);
+    }
+    const QJsonObject product{{u"product_code"_s, u"DEMO"_s}, {u"name"_s, u"Demo"_s}};
+    const QString file = m_folder.filePath(u"data.json"_s);
+    Files::write(
+        file,
+        QJsonDocument(QJsonObject{{u"products"_s, QJsonArray{product}}, {u"usage_events"_s, all}})
+            .toJson());
+    m_sandbox = std::make_unique<Sandbox>(QStringLiteral(CORVANE_SANDBOX_PATH),
+                                          QStringList{u"--data"_s, file});
+    QVERIFY(m_sandbox->isRunning());
+}
+
+QJsonObject tst_SandboxControl::usage(const QString &query) const
+{
+    return m_sandbox->get("/sandbox/usage"_L1 + query).json();
 }
 
 QTEST_GUILESS_MAIN(tst_SandboxControl)

@@ -39,6 +39,7 @@ private Q_SLOTS:
     void faultIsNamed();
     void entryIsThereBeforeItsReply();
     void newEntriesAreAskedFor();
+    void newestEntriesAreAskedFor();
     void waitEndsWithTheNextChange();
     void waitEndsWithoutAChange();
     void oldestEntriesAreDropped();
@@ -196,6 +197,27 @@ void tst_SandboxJournal::newEntriesAreAskedFor()
     const QJsonArray more = journal(change).value("entries"_L1).toArray();
     QCOMPARE(more.size(), 1);
     QCOMPARE(more[0]["id"_L1].toInt(), 2);
+}
+
+void tst_SandboxJournal::newestEntriesAreAskedFor()
+{
+    for (int i = 0; i < 4; ++i)
+        m_sandbox->get(u"/x"_s);
+    const auto ids = [this](const QString &query) {
+        const QJsonObject now = m_sandbox->get(journalPath + query).json();
+        QStringList list;
+        const QJsonArray all = now.value("entries"_L1).toArray();
+        for (const QJsonValue &entry : all)
+            list += QString::number(entry["id"_L1].toInt());
+        return list.join(u' ');
+    };
+    QCOMPARE(ids(u"?most=2"_s), u"3 4"_s);
+    QCOMPARE(ids(u"?most=4"_s), u"1 2 3 4"_s);
+    QCOMPARE(ids(u"?most=9"_s), u"1 2 3 4"_s);
+    QCOMPARE(ids(u"?most=0"_s), QString());
+    // Two changes each: begun and ended.
+    QCOMPARE(ids(u"?since=4&most=1"_s), u"4"_s);
+    QCOMPARE(ids(u"?since=4&most=9"_s), u"3 4"_s);
 }
 
 void tst_SandboxJournal::waitEndsWithTheNextChange()

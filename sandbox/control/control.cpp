@@ -9,6 +9,7 @@
 #include "state/store.h"
 #include "json/jsoninput.h"
 
+#include <QtCore/qfile.h>
 #include <QtCore/qjsonarray.h>
 #include <QtCore/qjsondocument.h>
 #include <QtCore/qtimer.h>
@@ -24,6 +25,10 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr qint64 longestWait = 60;
+constexpr qint64 longestUsage = 1'000'000'000;
+constexpr qint64 anyNumber = std::numeric_limits<qint64>::max();
+// The page and its files lie here, and so do the paths of all the rest.
+constexpr QByteArrayView folder = "/sandbox/";
 
 // A name, other than this one, can be made to lead here by whoever owns it.
 bool isThisMachine(const QByteArray &host)
@@ -40,20 +45,37 @@ JsonInput memberOfBody(const HttpRequest &request, const QString &name)
     return body.member(name);
 }
 
-qint64 numberIn(const HttpRequest &request, const QString &name, qint64 most)
+qint64 numberIn(const HttpRequest &request, const QString &name, qint64 most, qint64 usual = 0)
 {
     const QString text = request.query().queryItemValue(name);
     bool isNumber = false;
     const qint64 number = text.toLongLong(&isNumber);
-    if (text.isNull() || (isNumber && number >= 0 && number <= most))
+    if (text.isNull())
+        return usual;
+    if (isNumber && number >= 0 && number <= most)
         return number;
     throw JsonError(name, u"must be a whole number from 0 to %1"_s.arg(most));
+}
+
+QByteArray typeOf(const QString &file)
+{
+    if (file.endsWith(".css"_L1))
+        return "text/css; charset=utf-8";
+    if (file.endsWith(".js"_L1))
+        return "text/javascript; charset=utf-8";
+    return file.endsWith(".svg"_L1) ? "image/svg+xml" : "text/html; charset=utf-8";
 }
 
 } // namespace
 
 const Control::Route Control::routes[] = {
+    {"GET", "/sandbox", &Control::leadToPage},
+    {"GET", "/sandbox/", &Control::showPage},
+    {"GET", "/sandbox/dashboard.css", &Control::showPage},
+    {"GET", "/sandbox/dashboard.js", &Control::showPage},
+    {"GET", "/sandbox/icon.svg", &Control::showPage},
     {"GET", "/sandbox/state", &Control::showState},
+    {"GET", "/sandbox/usage", &Control::showUsage},
     {"GET", "/sandbox/faults", &Control::showFaults},
     {"POST", "/sandbox/faults", &Control::addFaults},
     {"DELETE", "/sandbox/faults", &Control::clearFaults},
@@ -120,15 +142,46 @@ const Control::Route &Control::routeOf(const HttpRequest &request)
     }
     if (allowed.isEmpty()) {
         throw Refusal{404,
-                      u"there is nothing here: see state, faults, scenarios and journal below "
-                      "/sandbox/"_s};
+                      u"there is nothing here: see state, usage, faults, scenarios and journal "
+                      "below /sandbox/"_s};
     }
     throw Refusal{405, u"this method is not for this path"_s, {{"Allow", allowed.join(", ")}}};
+}
+
+// The page may load its own files and ask this server, and nobody may frame it: what a buyer or a
+// host has made up stays text even if the page forgot to treat it so.
+void Control::showPage(HttpConnection *connection)
+{
+    const QString name = QString::fromLatin1(connection->request().path().sliced(folder.size()));
+    QFile file(":/pages/"_L1 + (name.isEmpty() ? u"dashboard.html"_s : name));
+    if (!file.open(QIODevice::ReadOnly))
+        qFatal("The page was not built in.");
+    connection->send(
+        {200,
+         {{"Content-Type", typeOf(file.fileName())},
+          {"Cache-Control", "no-store"},
+          {"X-Content-Type-Options", "nosniff"},
+          {"Content-Security-Policy",
+           "default-src 'none'; connect-src 'self'; img-src 'self'; script-src 'self'; "
+           "style-src 'self'; base-uri 'none'; form-action 'none'; "
+           "frame-ancestors 'none'"}},
+         file.readAll()});
+}
+
+void Control::leadToPage(HttpConnection *connection)
+{
+    connection->send({308, {{"Location", folder.toByteArray()}}, {}});
 }
 
 void Control::showState(HttpConnection *connection)
 {
     send(connection, shown(m_store.contents()));
+}
+
+void Control::showUsage(HttpConnection *connection)
+{
+    const qint64 seconds = numberIn(connection->request(), u"seconds"_s, longestUsage);
+    send(connection, shown(m_store.usageOverTime(seconds)));
 }
 
 void Control::showFaults(HttpConnection *connection)
@@ -171,10 +224,14 @@ void Control::startScenario(HttpConnection *connection)
 
 void Control::showJournal(HttpConnection *connection)
 {
-    constexpr qint64 any = std::numeric_limits<qint64>::max();
-    const auto since = static_cast<quint64>(numberIn(connection->request(), u"since"_s, any));
-    const std::chrono::seconds wait(numberIn(connection->request(), u"wait"_s, longestWait));
-    const auto show = [this, connection, since] { send(connection, m_journal.since(since)); };
+    const HttpRequest &request = connection->request();
+    const auto since = static_cast<quint64>(numberIn(request, u"since"_s, anyNumber));
+    const std::chrono::seconds wait(numberIn(request, u"wait"_s, longestWait));
+    const auto most =
+        static_cast<qsizetype>(numberIn(request, u"most"_s, anyNumber, Journal::mostEntries));
+    const auto show = [this, connection, since, most] {
+        send(connection, m_journal.since(since, most));
+    };
     if (wait.count() == 0 || m_journal.change() > since)
         return show();
 

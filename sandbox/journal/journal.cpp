@@ -87,14 +87,17 @@ void Journal::clear()
     Q_EMIT changed();
 }
 
-QJsonObject Journal::since(quint64 change) const
+QJsonObject Journal::since(quint64 change, qsizetype most) const
 {
+    std::size_t index = m_entries.size();
+    for (qsizetype found = 0; index > 0 && found < most; --index) {
+        if (m_entries[index - 1].change > change)
+            ++found;
+    }
     QJsonArray entries;
-    quint64 id = m_first;
-    for (const Entry &entry : m_entries) {
-        if (entry.change > change)
-            entries.append(toJson(id, entry));
-        ++id;
+    for (; index < m_entries.size(); ++index) {
+        if (m_entries[index].change > change)
+            entries.append(toJson(m_first + index, m_entries[index]));
     }
     return {{u"entries"_s, m_isMasked ? masked(QJsonValue(entries)) : entries},
             {u"change"_s, qint64(m_change)},

@@ -33,7 +33,7 @@ public:
 
     // The number of the last change.
     quint64 change() const { return m_change; }
-    // Entries that are new or have changed after that change:
+    // Entries that are new or have changed after that change, and of those the newest:
     //
     // {
     //     "entries": [entry, ...],
@@ -53,7 +53,7 @@ public:
     //
     // The last three come with the end. A reply that was reset has status 0. For the bodies, see
     // KeptBody.
-    QJsonObject since(quint64 change) const;
+    QJsonObject since(quint64 change, qsizetype most) const;
 
 Q_SIGNALS:
     void changed();

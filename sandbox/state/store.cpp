@@ -25,6 +25,8 @@ constexpr int schemaVersion = 2;
 const QStringList tables{u"products"_s, u"plans"_s,    u"licenses"_s,
                          u"orders"_s,   u"payments"_s, u"usage_events"_s};
 constexpr int shownRows = 1000;
+constexpr int shownTypes = 5;
+constexpr qint64 mostSteps = 60;
 
 [[noreturn]] void fail(const QSqlError &error)
 {
@@ -117,6 +119,11 @@ QString now()
     return QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs);
 }
 
+QString isoTime(qint64 seconds)
+{
+    return QDateTime::fromSecsSinceEpoch(seconds, Qt::UTC).toString(Qt::ISODate);
+}
+
 // What SQLite makes up itself when it is null.
 QVariant idOrNull(int id)
 {
@@ -141,6 +148,19 @@ QString randomText(qsizetype length)
 QString newLicenseKey()
 {
     return QStringList{randomText(4), randomText(4), randomText(4), randomText(4)}.join(u'-');
+}
+
+// People read time in these, and it takes so many of the shortest to cover the span.
+qint64 stepFor(qint64 span)
+{
+    constexpr qint64 day = 86'400;
+    constexpr qint64 steps[] = {1,        2,         5,   10,      30,      60,
+                                120,      300,       600, 1800,    3600,    2 * 3600,
+                                6 * 3600, 12 * 3600, day, 7 * day, 30 * day};
+    const auto step = std::find_if(std::begin(steps), std::end(steps), [span](qint64 candidate) {
+        return span / candidate + 1 < mostSteps;
+    });
+    return step == std::end(steps) ? span / (mostSteps - 1) + 1 : *step;
 }
 
 Plan planFrom(const QSqlQuery &row)
@@ -301,6 +321,44 @@ QJsonObject Store::contents() const
         contents.insert(table, array);
     }
     return contents;
+}
+
+QJsonObject Store::usageOverTime(qint64 seconds) const
+{
+    const QString time = u"CAST(strftime('%s', received_at) AS INTEGER)"_s;
+    qint64 last = QDateTime::currentSecsSinceEpoch();
+    qint64 first = last - seconds + 1;
+    if (seconds == 0) {
+        QSqlQuery ends =
+            run(m_database,
+                u"SELECT ifnull(min(%1), 0), ifnull(max(%1), 0) FROM usage_events"_s.arg(time));
+        ends.next();
+        first = ends.value(0).toLongLong();
+        last = ends.value(1).toLongLong();
+    }
+    const qint64 step = stepFor(last - first);
+
+    QSqlQuery rows = run(m_database, uR"(
+WITH shown AS (
+    SELECT event_type, %1 / ? * ? AS step FROM usage_events WHERE %1 BETWEEN ? AND ?
+), frequent AS (
+    SELECT event_type FROM shown GROUP BY event_type ORDER BY count(*) DESC, event_type LIMIT ?
+)
+SELECT step, frequent.event_type, count(*) FROM shown LEFT JOIN frequent USING (event_type)
+GROUP BY step, frequent.event_type ORDER BY step, frequent.event_type)"_s.arg(time),
+                         {step, step, first, last, shownTypes});
+    QJsonArray counts;
+    while (rows.next()) {
+        const QJsonValue type =
+            rows.isNull(1) ? QJsonValue() : QJsonValue(rows.value(1).toString());
+        counts.append(QJsonObject{{u"from"_s, isoTime(rows.value(0).toLongLong())},
+                                  {u"event_type"_s, type},
+                                  {u"events"_s, rows.value(2).toInt()}});
+    }
+    return {{u"from"_s, isoTime(first - first % step)},
+            {u"to"_s, isoTime(last)},
+            {u"step_s"_s, step},
+            {u"counts"_s, counts}};
 }
 
 void Store::reset()

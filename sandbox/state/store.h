@@ -141,6 +141,16 @@ public:
 
     // The newest rows of every table, for engineers to look at.
     QJsonObject contents() const;
+    // How many usage events came when, in the last so many seconds, or in all time if that is 0:
+    //
+    // {
+    //     "from": text, "to": text,   the span, in at most 60 steps
+    //     "step_s": number,           how long a step is
+    //     "counts": [{"from": text, "event_type": text, "events": number}, ...]
+    // }
+    //
+    // Types that are not among the five most frequent are counted together, as null.
+    QJsonObject usageOverTime(qint64 seconds) const;
     // Back to what a new database holds.
     void reset();
     // Lists these and no others. What belongs to no product of the service is left out.
