@@ -194,8 +194,8 @@ int listScenarios()
 
 const QString description =
     uR"(The service on your own machine, for trying out a host. Prints its address and
-serves until SIGINT or SIGTERM. A new database holds DEMO, with three plans.
-Its page /sandbox/ shows in a browser what goes on, and makes things go wrong.
+serves until SIGINT or SIGTERM. A new database holds DEMO, with three plans. The
+page /sandbox/ shows in a browser what goes on, and makes things go wrong.
 A folder named after a product holds that product's releases, one file each,
 with notes.txt in UTF-8 if you like: DIR/DEMO/stable/1.4.0/demo-1.4.0.zip.
 Replace a release by moving a new file into place, never by writing over it.

@@ -136,9 +136,11 @@ set_target_properties(Corvane::Sandbox PROPERTIES IMPORTED_LOCATION "%1")
 include("%2/cmake/CorvaneSandbox.cmake")
 )"_s.arg(sandbox, sourceDirectory);
         Files::write(path(u"CMakeLists.txt"_s), (text + lines).toUtf8());
-        m_configured = Program(QStringLiteral(CMAKE_PROGRAM), {u"-S"_s, u"."_s, u"-B"_s, u"."_s},
-                               m_folder.path())
-                           .outcome();
+        m_configured =
+            Program(QStringLiteral(CMAKE_PROGRAM),
+                    {u"-G"_s, QStringLiteral(CMAKE_GENERATOR), u"-S"_s, u"."_s, u"-B"_s, u"."_s},
+                    m_folder.path())
+                .outcome();
     }
 
     QString path(const QString &file) const { return m_folder.filePath(file); }

@@ -13,20 +13,20 @@ class Store;
 
 // The engineers' own interface to the sandbox, as JSON below /sandbox/:
 //
-// GET    (nothing)                   the dashboard, a page that shows all of this; its files beside
-// it GET    state                       {"products": [row, ...], "plans": ..., ...} GET
-// usage?seconds=N             how many usage events came when: in the last N seconds, or ever GET
-// faults                      {"faults": [rule, ...]}, with what each has counted POST   faults
-// {"faults": [...]}    adds rules after those in force; answers all of them DELETE faults takes all
-// rules out GET    scenarios                   {"scenarios": [{"name", "sentence", "rules"}, ...]}
+// GET    (nothing)                   the dashboard, a page that shows all of this
+// GET    state                       {"products": [row, ...], "plans": ..., ...}
+// GET    usage?seconds=N             how many usage events came when, in the last N seconds or ever
+// GET    faults                      {"faults": [rule, ...]}, with what each has counted
+// POST   faults {"faults": [...]}    adds rules after those in force; answers all of them
+// DELETE faults                      takes all rules out
+// GET    scenarios                   {"scenarios": [{"name", "sentence", "rules"}, ...]}
 // POST   scenario {"name": text}     puts the scenario in the place of all rules
 // GET    journal?since=N&wait=S&most=M
 //                                    what has changed after change N, which the last answer told;
 //                                    waits up to S seconds if that is nothing; the newest M entries
 // POST   reset                       faults, journal and state as they were at the start
 //
-// For rules, entries and usage, see FaultRule, Journal and Store. Errors are the service's error
-// object.
+// For rules, entries and usage, see FaultRule, Journal and Store. An error is the service's object.
 //
 // Everything that a browser can be made to send by a page of another site is refused: it names
 // another origin, or has come by a name that is not this machine's, or its body is not called JSON.

@@ -34,8 +34,7 @@ class JsonInput;
 //         "redirect": text,               a Location header; status 302
 //
 //         "headers": {name: text},    puts headers into the reply; null takes one out
-//         "merge": object,            puts members into a reply that is an object; null takes one
-//         out
+//         "merge": object,            the same with members, if the reply is an object
 //
 //         "bytes": "reset" | "close" | "stall" | "garbage" | "wrong-length" | "corrupt" |
 //                  "one-at-a-time",
