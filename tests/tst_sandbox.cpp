@@ -1,5 +1,6 @@
 #include "corvane.h"
 #include "database.h"
+#include "rawclient.h"
 
 #include <QtCore/qcryptographichash.h>
 #include <QtCore/qdir.h>
@@ -152,6 +153,23 @@ struct Answer
 
     QJsonObject json() const { return QJsonDocument::fromJson(body).object(); }
 };
+
+Answer answerFrom(const QByteArray &reply)
+{
+    const qsizetype head = reply.indexOf("\r\n\r\n");
+    const QByteArrayList lines = reply.first(std::max<qsizetype>(head, 0)).split('\n');
+    // All of them, should there be more than one.
+    const auto header = [&lines](const QByteArray &name) {
+        QByteArrayList values;
+        for (const QByteArray &line : lines) {
+            if (line.startsWith(name + ": "))
+                values += line.sliced(name.size() + 2).trimmed();
+        }
+        return values.join(", ");
+    };
+    return {lines.constFirst().split(' ').value(1).toInt(), header("Content-Type"), header("Allow"),
+            header("Location"), reply.sliced(head + 4)};
+}
 
 QByteArray compact(const QJsonObject &object)
 {
@@ -1848,16 +1866,17 @@ Answer tst_Sandbox::get(const QString &target)
     return answerTo(m_network->get(QNetworkRequest(url)));
 }
 
-// Goes nowhere else than to the target.
+// As bytes: Qt 6.8 now and then puts the headers of a redirect together twice.
 Answer tst_Sandbox::post(const QString &target, const QByteArray &body, const QByteArray &origin)
 {
-    QNetworkRequest request(QUrl(m_sandbox->address()).resolved(QUrl(target)));
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
-                         QNetworkRequest::ManualRedirectPolicy);
-    request.setHeader(QNetworkRequest::ContentTypeHeader, u"application/json"_s);
-    if (!origin.isNull())
-        request.setRawHeader("Origin", origin);
-    return answerTo(m_network->post(request, body));
+    const QUrl url = QUrl(m_sandbox->address()).resolved(QUrl(target));
+    RawClient client(m_sandbox->port(), QHostAddress(url.host()));
+    client.send("POST " + url.toEncoded(QUrl::RemoveScheme | QUrl::RemoveAuthority)
+                + " HTTP/1.1\r\nHost: " + url.authority().toLatin1()
+                + "\r\nContent-Type: application/json\r\n"
+                + (origin.isNull() ? QByteArray() : "Origin: " + origin + "\r\n")
+                + "Content-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body);
+    return answerFrom(client.reply());
 }
 
 Answer tst_Sandbox::post(const QString &target, const QJsonObject &body)

@@ -1,7 +1,6 @@
 #include "rawclient.h"
 
 #include <QtCore/qregularexpression.h>
-#include <QtNetwork/qhostaddress.h>
 #include <QtNetwork/qnetworkproxy.h>
 
 using namespace Qt::StringLiterals;
@@ -20,10 +19,10 @@ qsizetype endOfReply(const QByteArray &bytes, qsizetype head)
 
 } // namespace
 
-RawClient::RawClient(quint16 port)
+RawClient::RawClient(quint16 port, const QHostAddress &host)
 {
     m_socket.setProxy(QNetworkProxy::NoProxy);
-    m_socket.connectToHost(QHostAddress::LocalHost, port);
+    m_socket.connectToHost(host, port);
     if (!m_socket.waitForConnected(timeout))
         qFatal("The server does not accept connections");
 }

@@ -2,13 +2,14 @@
 #define RAWCLIENT_H
 
 #include <QtCore/qbytearray.h>
+#include <QtNetwork/qhostaddress.h>
 #include <QtNetwork/qtcpsocket.h>
 
 // Speaks HTTP to a port of 127.0.0.1 byte by byte, as no client library would.
 class RawClient
 {
 public:
-    explicit RawClient(quint16 port);
+    explicit RawClient(quint16 port, const QHostAddress &host = QHostAddress::LocalHost);
 
     void send(const QByteArray &bytes);
     // The next reply, as far as its Content-Length goes. What has come of it if the connection ends
