@@ -2,7 +2,8 @@
 // of an update check, and the peak memory of a download. Both are measured in one run, in turn, on
 // the same server, which runs in a process of its own so that its work does not count.
 //
-// With a corvane-sandbox, how many update checks it answers to one host.
+// With a corvane-sandbox, how many update checks it answers to one host, and what memory it takes
+// to serve a large release.
 
 #include "corvane.h"
 
@@ -38,6 +39,7 @@ constexpr qint64 mebibyte = 1024 * 1024;
 constexpr int rounds = 9;
 constexpr int checksPerRound = 3000;
 constexpr int checksInFlight = 12;
+constexpr qint64 largeRelease = 256 * mebibyte;
 
 // One answer to every request: a release, or for /<number> a body of so many zero bytes.
 QByteArray answerTo(const QByteArray &request)
@@ -83,10 +85,10 @@ double cpuTime()
     return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_nsec) / 1e6;
 }
 
-// A field of /proc/self/status, in bytes.
-qint64 memory(const QByteArray &field)
+// A field of the status of this process, or of another, in bytes.
+qint64 memory(const QByteArray &field, const QString &process = u"self"_s)
 {
-    QFile status(u"/proc/self/status"_s);
+    QFile status(u"/proc/%1/status"_s.arg(process));
     if (!status.open(QIODevice::ReadOnly))
         return 0;
     for (const QByteArray &line : status.readAll().split('\n')) {
@@ -313,20 +315,43 @@ double rateOf(ByCorvane &host)
     return checksPerRound * 1e9 / double(timer.nsecsElapsed());
 }
 
+// What the reply is long, none of which is kept.
+qint64 sizeOf(const QUrl &url)
+{
+    QNetworkAccessManager network;
+    QNetworkReply *reply = network.get(QNetworkRequest(url));
+    qint64 size = 0;
+    QEventLoop loop;
+    QObject::connect(reply, &QNetworkReply::readyRead, &loop,
+                     [&size, reply] { size += reply->readAll().size(); });
+    QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
+    loop.exec();
+    if (reply->error() != QNetworkReply::NoError)
+        stop(reply->errorString());
+    return size;
+}
+
+// Zero bytes, which take no room on the disk.
+void makeRelease(const QTemporaryDir &releases, const QString &channel, qint64 size)
+{
+    const QString folder = releases.filePath(u"DEMO/%1/1.5.0"_s.arg(channel));
+    QFile file(folder + "/demo.bin"_L1);
+    if (!QDir().mkpath(folder) || !file.open(QIODevice::WriteOnly) || !file.resize(size))
+        stop(u"no release could be written"_s);
+}
+
 int measureSandbox(const QString &program)
 {
     QTemporaryDir releases;
-    const QString folder = releases.filePath(u"DEMO/stable/1.5.0"_s);
-    QFile file(folder + "/demo.bin"_L1);
-    if (!QDir().mkpath(folder) || !file.open(QIODevice::WriteOnly) || file.write("demo") != 4)
-        stop(u"no release could be written"_s);
-    file.close();
+    makeRelease(releases, u"stable"_s, 4);
+    makeRelease(releases, u"large"_s, largeRelease);
     QProcess sandbox;
     sandbox.start(program, {u"--releases"_s, releases.path()});
     if (!sandbox.waitForStarted() || !sandbox.waitForReadyRead())
         stop(u"the sandbox did not start"_s);
 
-    ByCorvane host(QUrl(QString::fromUtf8(sandbox.readLine().trimmed())));
+    const QUrl url(QString::fromUtf8(sandbox.readLine().trimmed()));
+    ByCorvane host(url);
     // The first round warms up and does not count.
     rateOf(host);
     QList<double> rates;
@@ -334,6 +359,17 @@ int measureSandbox(const QString &program)
         rates += rateOf(host);
     std::printf("Sandbox: update checks of one host, %d rounds of %d\n", rounds, checksPerRound);
     print("answered", spreadOf(rates), "/s");
+
+    const QString process = QString::number(sandbox.processId());
+    const qint64 before = memory("VmRSS", process);
+    // The check has the sandbox compute the digest.
+    sizeOf(url.resolved(QUrl(u"/api/v1/releases/latest/DEMO?channel=large"_s)));
+    if (sizeOf(url.resolved(QUrl(u"/releases/DEMO/large/1.5.0/demo.bin"_s))) != largeRelease)
+        stop(u"the large release did not come whole"_s);
+    const qint64 grown = memory("VmHWM", process) - before;
+    std::printf("Sandbox: memory for the check and the download of %lld MiB\n",
+                static_cast<long long>(largeRelease / mebibyte));
+    std::printf("  %-34s %9.3f MiB\n", "grown by", double(grown) / double(mebibyte));
     sandbox.terminate();
     sandbox.waitForFinished();
     return 0;
