@@ -1108,7 +1108,7 @@ void tst_Sandbox::releasesFolderMayItselfBeALink()
 // A file used to be read to its end whether or not anybody took it, into memory.
 void tst_Sandbox::fileIsReadAtTheReceiversPace()
 {
-    constexpr qint64 size = 256 * 1024 * 1024;
+    constexpr qint64 size = 128 * 1024 * 1024;
     constexpr qint64 whatSocketsHold = 32 * 1024 * 1024;
     const QString stalled = path(u"releases/DEMO/stalled/1.0/demo.zip"_s);
     for (const QString &name :

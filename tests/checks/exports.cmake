@@ -1,5 +1,6 @@
-# LIBRARY exports the class and its meta-object and nothing else, needs no GUI library, and has no
-# means to log, print or read the environment. COMPILER is CMake's id of what compiled it.
+# LIBRARY exports the class and its meta-object and nothing else, adds no virtual function to those of
+# QObject in QT_CORE, needs no GUI library, and has no means to log, print or read the environment.
+# COMPILER is CMake's id of what compiled it.
 
 # Whatever else shows up under Corvane:: is either a new operation or a helper that grew public.
 set(members
@@ -32,6 +33,21 @@ foreach(symbol IN LISTS symbols)
         message(SEND_ERROR "exported beside the class: ${symbol}")
     endif()
 endforeach()
+
+# What a table of virtual functions takes in the library, as hexadecimal digits.
+function(table_size variable library class)
+    execute_process(COMMAND nm --dynamic --print-size --defined-only "${library}"
+        OUTPUT_VARIABLE symbols COMMAND_ERROR_IS_FATAL ANY)
+    if(NOT symbols MATCHES "[0-9a-f]+ ([0-9a-f]+) [A-Z] _ZTV${class}[@\n]")
+        message(FATAL_ERROR "${library} has no table of ${class}")
+    endif()
+    set(${variable} "${CMAKE_MATCH_1}" PARENT_SCOPE)
+endfunction()
+table_size(own "${LIBRARY}" 7Corvane)
+table_size(inherited "${QT_CORE}" 7QObject)
+if(NOT own STREQUAL inherited)
+    message(SEND_ERROR "a virtual function was added: a table of 0x${own} bytes, QObject's of 0x${inherited}")
+endif()
 
 execute_process(COMMAND readelf --dynamic --wide "${LIBRARY}"
     OUTPUT_VARIABLE dynamic COMMAND_ERROR_IS_FATAL ANY)

@@ -42,18 +42,6 @@ HANDWRITTEN = [
     ("redirect-policy", CORVANE, *before(CONSTRUCTED, "m_network->setRedirectPolicy(QNetworkRequest::ManualRedirectPolicy);\n")),
     ("auto-delete-replies", CORVANE, *before(CONSTRUCTED, "m_network->setAutoDeleteReplies(true);\n")),
     ("strict-transport-security", CORVANE, *before(CONSTRUCTED, "m_network->setStrictTransportSecurityEnabled(true);\n")),
-    ("disk-cache", CORVANE, *before(CONSTRUCTED, """struct NoCache : QAbstractNetworkCache {
-        explicit NoCache(QObject *parent) : QAbstractNetworkCache(parent) { }
-        QNetworkCacheMetaData metaData(const QUrl &) override { return {}; }
-        void updateMetaData(const QNetworkCacheMetaData &) override { }
-        QIODevice *data(const QUrl &) override { return nullptr; }
-        bool remove(const QUrl &) override { return false; }
-        qint64 cacheSize() const override { return 0; }
-        QIODevice *prepare(const QNetworkCacheMetaData &) override { return nullptr; }
-        void insert(QIODevice *) override { }
-        void clear() override { }
-    };
-    m_network->setCache(new NoCache(m_network));\n""")),
     ("no-cookies", CORVANE, *before(CONSTRUCTED, "m_network->setCookieJar(nullptr);\n")),
     ("prints", CORVANE, *before(CONSTRUCTED, 'fputs("constructed", stderr);\n')),
     ("reads-the-environment", CORVANE, *before(CONSTRUCTED, 'm_productCode = qEnvironmentVariable("CORVANE_PRODUCT_CODE");\n')),
