@@ -33,7 +33,8 @@ QByteArray expanded(Target::Input input)
     QByteArray bytes = input.until('\x1d');
     while (!input.atEnd() && bytes.size() < mostBytes) {
         const qsizetype count = power(input.letter());
-        bytes += QByteArray(count, input.letter()) + input.until('\x1d');
+        bytes += QByteArray(count, input.letter());
+        bytes += input.until('\x1d');
     }
     return bytes.left(mostBytes);
 }
