@@ -516,6 +516,17 @@ void tst_Dashboard::plotsUsage()
              ticks);
     QCOMPARE(m_browser->text(u"#plot text"_s), unit);
     QVERIFY(m_browser->text(u"#plot"_s).endsWith("time, UTC"_L1));
+    // No text is cut off.
+    QCOMPARE(m_browser
+                 ->evaluate(uR"((() => {
+        const plot = document.querySelector('#plot svg').getBoundingClientRect();
+        return [...document.querySelectorAll('#plot text')].filter(text => {
+            const {left, right, bottom} = text.getBoundingClientRect();
+            return left < plot.left || right > plot.right || bottom > plot.bottom;
+        }).map(text => text.textContent).join(', ');
+    })())"_s)
+                 .toString(),
+             QString());
     // All bars can be seen, and none is outside or over another.
     QVERIFY(m_browser
                 ->evaluate(uR"((() => {

@@ -488,7 +488,8 @@ function drawUsage() {
     const buckets = bucketsOf(usage.counts);
     // A few events alone look like a few, not like a wall.
     const steps = Math.max(Math.floor((Date.parse(usage.to) - from) / step) + 1, 12);
-    const frame = {left: 48, top: 26, width: byId('plot').clientWidth - 60, height: 230};
+    // On its left is room for a million, on its right for half of a time.
+    const frame = {left: 64, top: 26, width: byId('plot').clientWidth - 104, height: 230};
     const top = Math.max(...[...buckets.values()].map(({events}) => events));
     const scale = scaleFor(top);
     const x = (time) => frame.left + (time - from) / step / steps * frame.width;
@@ -496,7 +497,7 @@ function drawUsage() {
 
     const names = types.map(([type]) => type);
     byId('plot').replaceChildren(svg('svg', {
-        width: frame.left + frame.width + 12, height: frame.top + frame.height + 44, role: 'img',
+        width: frame.left + frame.width + 40, height: frame.top + frame.height + 44, role: 'img',
         'aria-label': `Usage events: at most ${count(top, 'event')} in ${spanText(usage.step_s)}, `
             + `from ${usage.from} to ${usage.to}`},
         svg('text', {x: 0, y: 12}, `events in ${spanText(usage.step_s)}`),
@@ -506,7 +507,8 @@ function drawUsage() {
             svg('text', {x: frame.left - 8, y: y(tick) + 4, 'text-anchor': 'end'}, number(tick))]),
         ...timeTicks(from, step, steps, frame.width).flatMap((time) => [
             svg('line', {class: 'tick', x1: x(time), x2: x(time), y1: y(0), y2: y(0) + 5}),
-            svg('text', {x: x(time), y: y(0) + 20}, timeText(time, step, steps))]),
+            svg('text', {x: x(time), y: y(0) + 20, 'text-anchor': 'middle'},
+                timeText(time, step, steps))]),
         svg('text', {x: frame.left + frame.width, y: y(0) + 38, 'text-anchor': 'end'},
             'time, UTC'),
         ...[...buckets].map(([time, bucket]) => barOf(time, bucket, names, {
