@@ -22,6 +22,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <numeric>
 
 #include <fcntl.h>
 #include <memory>
@@ -158,17 +159,17 @@ Answer answerFrom(const QByteArray &reply)
 {
     const qsizetype head = reply.indexOf("\r\n\r\n");
     const QByteArrayList lines = reply.first(std::max<qsizetype>(head, 0)).split('\n');
-    // All of them, should there be more than one.
-    const auto header = [&lines](const QByteArray &name) {
-        QByteArrayList values;
-        for (const QByteArray &line : lines) {
-            if (line.startsWith(name + ": "))
-                values += line.sliced(name.size() + 2).trimmed();
-        }
-        return values.join(", ");
+    // All of its values in a row, should there be more than one.
+    const auto header = [&lines](const QByteArray &start) {
+        return std::accumulate(lines.begin(), lines.end(), QByteArray(),
+                               [&start](const QByteArray &values, const QByteArray &line) {
+                                   return line.startsWith(start)
+                                       ? values + line.sliced(start.size()).trimmed()
+                                       : values;
+                               });
     };
-    return {lines.constFirst().split(' ').value(1).toInt(), header("Content-Type"), header("Allow"),
-            header("Location"), reply.sliced(head + 4)};
+    return {lines.constFirst().split(' ').value(1).toInt(), header("Content-Type: "),
+            header("Allow: "), header("Location: "), reply.sliced(head + 4)};
 }
 
 QByteArray compact(const QJsonObject &object)

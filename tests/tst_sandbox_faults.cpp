@@ -11,6 +11,7 @@
 #include <QtTest/qsignalspy.h>
 #include <QtTest/qtest.h>
 
+#include <algorithm>
 #include <array>
 #include <functional>
 #include <memory>
@@ -608,17 +609,16 @@ void tst_SandboxFaults::flakyNetworkBreaksAndDelaysSome()
         client = std::make_unique<RawClient>(m_sandbox->port());
         client->send("GET /api/v1/purchase/plans?product_code=DEMO HTTP/1.1\r\nHost: a\r\n\r\n");
     }
-    int broken = 0;
-    for (const auto &client : clients)
-        broken += client->reply().isEmpty() ? 1 : 0;
+    const auto broken = std::count_if(clients.begin(), clients.end(),
+                                      [](const auto &client) { return client->reply().isEmpty(); });
     QVERIFY2(broken >= all / 8 && broken <= all * 3 / 8, qPrintable(QString::number(broken)));
 
-    int late = 0;
     const QJsonArray entries =
         m_sandbox->get(u"/sandbox/journal"_s).json().value("entries"_L1).toArray();
     QCOMPARE(entries.size(), all);
-    for (const QJsonValue entry : entries)
-        late += entry["duration_ms"_L1].toDouble() >= 1500 ? 1 : 0;
+    const auto late = std::count_if(entries.begin(), entries.end(), [](const QJsonValue &entry) {
+        return entry["duration_ms"_L1].toDouble() >= 1500;
+    });
     QVERIFY2(late >= all / 8 && late <= all * 3 / 8, qPrintable(QString::number(late)));
 }
 

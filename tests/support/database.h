@@ -16,7 +16,8 @@ public:
         : m_database(QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), m_name))
     {
         m_database.setDatabaseName(file);
-        m_database.open();
+        if (!m_database.open())
+            qFatal("%s cannot be opened", qPrintable(file));
     }
     ~Database()
     {
