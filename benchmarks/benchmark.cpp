@@ -323,7 +323,7 @@ qint64 sizeOf(const QUrl &url)
     qint64 size = 0;
     QEventLoop loop;
     QObject::connect(reply, &QNetworkReply::readyRead, &loop,
-                     [&size, reply] { size += reply->readAll().size(); });
+                     [total = &size, reply] { *total += reply->readAll().size(); });
     QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
     loop.exec();
     if (reply->error() != QNetworkReply::NoError)

@@ -386,7 +386,9 @@ void tst_SandboxFixture::testsOfASandboxThatDoesNotStartAreNotRun()
 
 void tst_SandboxFixture::earlyEndIsToldOf()
 {
-    const Project project(fixture(u"kill -KILL $pid"_s));
+    // Its lock is free when it is gone.
+    const Project project(
+        fixture(u"kill -KILL $pid; flock \"$0/corvane-sandbox/service/lock\" true"_s));
     const Outcome outcome = project.run();
     QCOMPARE(outcome.exitCode, 8);
     QVERIFY2(outcome.output.contains("corvane-sandbox: ended before it was stopped"_L1),
