@@ -49,6 +49,28 @@ QJsonArray keyEvents(const QString &keys)
     return events;
 }
 
+const QString lowestContrast = uR"((() => {
+    const colour = text => text.match(/[\d.]+/g).map(Number);
+    const linear = c => (c /= 255) <= 0.04045 ? c / 12.92 : ((c + 0.055) / 1.055) ** 2.4;
+    const luminance = ([r, g, b]) =>
+        0.2126 * linear(r) + 0.7152 * linear(g) + 0.0722 * linear(b);
+    const ground = element => {
+        const background = getComputedStyle(element).backgroundColor;
+        return background === 'rgba(0, 0, 0, 0)' ? ground(element.parentElement) : background;
+    };
+    const contrast = element => {
+        const style = getComputedStyle(element);
+        const ink = element.closest('svg') ? style.fill : style.color;
+        const [dark, light] = [ink, ground(element)].map(text => luminance(colour(text)))
+            .sort((a, b) => a - b);
+        return (light + 0.05) / (dark + 0.05);
+    };
+    const holdsText = element => element.checkVisibility() && element.tagName !== 'title'
+        && !element.disabled && [...element.childNodes].some(
+            node => node.nodeType === Node.TEXT_NODE && node.data.trim());
+    return Math.min(...[...document.body.querySelectorAll('*')].filter(holdsText).map(contrast));
+})())"_s;
+
 // False if it does not end in time.
 bool waitForEnd(int process)
 {
@@ -147,6 +169,11 @@ bool Browser::waitFor(const QString &expression, int milliseconds)
             return !answer.isError && answer.value.toBool();
         },
         milliseconds);
+}
+
+double Browser::lowestContrast()
+{
+    return evaluate(::lowestContrast).toDouble();
 }
 
 void Browser::click(const QString &selector)

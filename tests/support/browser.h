@@ -52,6 +52,9 @@ public:
     // Until the expression is true, over page loads. False if it does not become so in time.
     bool waitFor(const QString &expression, int milliseconds = 20000);
 
+    // Of any text that is seen to what is behind it, as WCAG computes it: 4.5 is its minimum.
+    double lowestContrast();
+
     // As the mouse does it: not what is hidden or covered.
     void click(const QString &selector);
     // Types into the element.
