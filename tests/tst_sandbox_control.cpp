@@ -228,7 +228,7 @@ void tst_SandboxControl::scenarioReplacesAllRules()
                                      .value("faults"_L1)
                                      .toArray();
         QCOMPARE(rules.size(), name == "maintenance"_L1 ? 1 : 2);
-        for (const QJsonValue rule : rules)
+        for (const auto &rule : rules)
             QCOMPARE(rule["scenario"_L1].toString(), name);
     }
     const Sandbox::Answer unknown = m_sandbox->post(u"/sandbox/scenario"_s, {{u"name"_s, u"x"_s}});

@@ -552,7 +552,7 @@ void tst_SandboxFaults::scenariosAreListed()
     const QJsonArray scenarios =
         m_sandbox->get(u"/sandbox/scenarios"_s).json().value("scenarios"_L1).toArray();
     QVERIFY(scenarios.size() > 20);
-    for (const QJsonValue scenario : scenarios) {
+    for (const auto &scenario : scenarios) {
         QVERIFY(!scenario["rules"_L1].toArray().isEmpty());
         expected += scenario["name"_L1].toString().leftJustified(20) + u' '
             + scenario["sentence"_L1].toString() + u'\n';
@@ -567,7 +567,7 @@ void tst_SandboxFaults::everyScenarioEndsAsTheLibrarySays_data()
     const Sandbox sandbox(QStringLiteral(CORVANE_SANDBOX_PATH));
     const QJsonArray scenarios =
         sandbox.get(u"/sandbox/scenarios"_s).json().value("scenarios"_L1).toArray();
-    for (const QJsonValue scenario : scenarios) {
+    for (const auto &scenario : scenarios) {
         // Chance decides in one, and in the others nothing ends: they have tests of their own.
         const QString name = scenario["name"_L1].toString();
         if (name == "flaky-network"_L1 || name == "silent-service"_L1)

@@ -81,7 +81,9 @@ void tst_SandboxGuide::commandsDoWhatTheGuideSays()
     std::unique_ptr<ServerProcess> sandbox;
     QString output;
     int compared = 0;
-    for (Block block : blocksOf(guide())) {
+    const QList<Block> blocks = blocksOf(guide());
+    for (const Block &documented : blocks) {
+        Block block = documented;
         const QString place = u"docs/sandbox.md:%1: "_s.arg(block.line);
         block.text.replace(u":8080"_s, u':' + QString::number(port.number()));
         block.text.replace(u"--port 8080"_s, "--port "_L1 + QString::number(port.number()));

@@ -112,7 +112,7 @@ void tst_SandboxJournal::exchangesAreInOrder()
     m_sandbox->get(u"/x"_s);
     QStringList operations;
     const QJsonArray all = entries();
-    for (const QJsonValue entry : all)
+    for (const auto &entry : all)
         operations += QString::number(entry["id"_L1].toInt()) + entry["operation"_L1].toString();
     QCOMPARE(operations.join(u' '), u"1plans 2download 3start 4approval 5other"_s);
 }

@@ -191,7 +191,8 @@ bool Statement::readBody()
     }
 
     qsizetype size = 0;
-    for (const char digit : lengths.value(0)) {
+    const QByteArray length = lengths.value(0);
+    for (const char digit : length) {
         size = std::min(size * 10 + (digit - '0'), longestBody + 1);
         if (digit < '0' || digit > '9')
             return false;
