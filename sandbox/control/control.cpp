@@ -45,16 +45,16 @@ JsonInput memberOfBody(const HttpRequest &request, const QString &name)
     return body.member(name);
 }
 
-qint64 numberIn(const HttpRequest &request, const QString &name, qint64 most, qint64 usual = 0)
+qint64 numberIn(const HttpRequest &request, const QString &name, qint64 highest, qint64 usual = 0)
 {
     const QString text = request.query().queryItemValue(name);
     bool isNumber = false;
     const qint64 number = text.toLongLong(&isNumber);
     if (text.isNull())
         return usual;
-    if (isNumber && number >= 0 && number <= most)
+    if (isNumber && number >= 0 && number <= highest)
         return number;
-    throw JsonError(name, u"must be a whole number from 0 to %1"_s.arg(most));
+    throw JsonError(name, u"must be a whole number from 0 to %1"_s.arg(highest));
 }
 
 QByteArray typeOf(const QString &file)

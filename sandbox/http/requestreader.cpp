@@ -137,13 +137,13 @@ std::optional<QByteArray> RequestReader::takeLine(QByteArray &bytes)
     // A client that speaks TLS, or anything else, may never send the end of a line.
     const bool isForeign = m_step == RequestLine && !bytes.isEmpty() && bytes.at(0) != '\r'
         && !isToken(bytes.first(1));
-    // Known by its first byte, however much of it has come.
-    if (isForeign)
+    const bool isTooLong = m_headSize + (end < 0 ? bytes.size() : end + 1) > longestHead;
+    const bool isBroken = end == 0 || (end > 0 && bytes.at(end - 1) != '\r');
+    // What is foreign is known by its first byte, however much of it has come.
+    if (isForeign || (isBroken && !isTooLong))
         refuse(400);
-    else if (m_headSize + (end < 0 ? bytes.size() : end + 1) > longestHead)
+    else if (isTooLong)
         refuse(431);
-    else if (end == 0 || (end > 0 && bytes.at(end - 1) != '\r'))
-        refuse(400);
     if (end < 0 || m_step == Done)
         return std::nullopt;
 
