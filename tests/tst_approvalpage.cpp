@@ -202,7 +202,7 @@ void tst_ApprovalPage::loadingAgainPostsNothing()
         QStringList methods;
         const QJsonArray entries =
             m_sandbox->get(u"/sandbox/journal"_s).json().value("entries"_L1).toArray();
-        for (const QJsonValue &entry : entries) {
+        for (const auto &entry : entries) {
             if (entry["operation"_L1] == "approval"_L1)
                 methods.append(entry["request"_L1]["method"_L1].toString());
         }
@@ -486,7 +486,7 @@ QString tst_ApprovalPage::stateOf(const PurchaseStartInfo &started) const
 {
     const QJsonArray orders =
         m_sandbox->get(u"/sandbox/state"_s).json().value("orders"_L1).toArray();
-    for (const QJsonValue &order : orders) {
+    for (const auto &order : orders) {
         if (order["paypal_order_id"_L1] != started.paypalOrderId)
             continue;
         if (!order["approved_at"_L1].toString().isEmpty())

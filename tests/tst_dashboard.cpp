@@ -374,7 +374,7 @@ void tst_Dashboard::putsAScenarioInForce()
     const QJsonArray scenarios =
         m_sandbox->get(u"/sandbox/scenarios"_s).json().value("scenarios"_L1).toArray();
     QVERIFY(counts(u"#scenarios button"_s, int(scenarios.size())));
-    for (const QJsonValue &scenario : scenarios) {
+    for (const auto &scenario : scenarios) {
         const QString button = u"#scenarios [data-name=%1]"_s.arg(scenario["name"_L1].toString());
         QCOMPARE(m_browser->property(button, u"innerText"_s).toString(),
                  scenario["name"_L1].toString() + u'\n' + scenario["sentence"_L1].toString());

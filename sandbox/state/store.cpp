@@ -158,9 +158,9 @@ qint64 stepFor(qint64 span)
     constexpr qint64 steps[] = {1,        2,         5,   10,      30,      60,
                                 120,      300,       600, 1800,    3600,    2 * 3600,
                                 6 * 3600, 12 * 3600, day, 7 * day, 30 * day};
-    const auto step = std::find_if(std::begin(steps), std::end(steps), [span](qint64 candidate) {
-        return span / candidate + 1 < mostSteps;
-    });
+    const auto *const step =
+        std::find_if(std::begin(steps), std::end(steps),
+                     [span](qint64 candidate) { return span / candidate + 1 < mostSteps; });
     return step == std::end(steps) ? span / (mostSteps - 1) + 1 : *step;
 }
 
