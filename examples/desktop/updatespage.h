@@ -1,0 +1,38 @@
+#ifndef UPDATESPAGE_H
+#define UPDATESPAGE_H
+
+#include "updates.h"
+
+#include <QtWidgets/qwidget.h>
+
+class BusyRow;
+class Notice;
+class QLabel;
+class QPlainTextEdit;
+class QPushButton;
+
+// Shows the updates, and what the user can do about them.
+class UpdatesPage : public QWidget
+{
+    Q_OBJECT
+
+public:
+    // Borrows the updates.
+    explicit UpdatesPage(Updates *updates, QWidget *parent = nullptr);
+
+private:
+    void showState();
+    void tellState();
+    void openFolder();
+
+    Updates *m_updates;
+    QPushButton *m_check;
+    BusyRow *m_busy;
+    Notice *m_notice;
+    QLabel *m_notesLabel;
+    QPlainTextEdit *m_notes;
+    QPushButton *m_download;
+    QPushButton *m_openFolder;
+};
+
+#endif // UPDATESPAGE_H

@@ -1,0 +1,33 @@
+#ifndef USAGEPAGE_H
+#define USAGEPAGE_H
+
+#include <QtWidgets/qwidget.h>
+
+class BusyRow;
+class Notice;
+class QCheckBox;
+class QPlainTextEdit;
+class QPushButton;
+class Usage;
+
+// Shows what would be sent, and asks whether it may be.
+class UsagePage : public QWidget
+{
+    Q_OBJECT
+
+public:
+    // Borrows the usage.
+    explicit UsagePage(Usage *usage, QWidget *parent = nullptr);
+
+    void showState();
+
+private:
+    Usage *m_usage;
+    QCheckBox *m_wanted;
+    QPlainTextEdit *m_preview;
+    QPushButton *m_send;
+    BusyRow *m_busy;
+    Notice *m_notice;
+};
+
+#endif // USAGEPAGE_H
