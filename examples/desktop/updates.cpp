@@ -175,6 +175,5 @@ QUrl Updates::downloadUrl() const
 QString Updates::destination() const
 {
     const QString name = downloadUrl().fileName();
-    return service().downloadFolder + u'/'
-        + (name.isEmpty() ? "aggiornamento-"_L1 + m_update.latestVersion : name);
+    return service().downloadFolder + u'/' + (name.isEmpty() ? u"aggiornamento"_s : name);
 }

@@ -47,7 +47,7 @@ QString rowsOf(const QTableView *table)
 QString textOf(const QWidget *widget)
 {
     if (const auto *label = qobject_cast<const QLabel *>(widget))
-        return withoutAmpersand(label->text());
+        return label->buddy() ? withoutAmpersand(label->text()) : label->text();
     if (const auto *box = qobject_cast<const QCheckBox *>(widget))
         return (box->isChecked() ? u"[x] "_s : u"[ ] "_s) + withoutAmpersand(box->text());
     if (const auto *button = qobject_cast<const QPushButton *>(widget)) {

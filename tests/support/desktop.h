@@ -38,6 +38,7 @@ public:
     void open(bool withFaults = false);
     void close();
     MainWindow *window() const { return m_window.get(); }
+    DesktopHost *host() const { return m_host.get(); }
     // Where it keeps what it needs, and where it puts downloads.
     QString stateFolder() const { return m_home.filePath(QStringLiteral("state")); }
     QString downloads() const { return m_home.filePath(QStringLiteral("downloads")); }
