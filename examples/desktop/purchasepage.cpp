@@ -184,7 +184,7 @@ void PurchasePage::buy()
     if (!isComplete)
         return;
     m_notice->clear();
-    m_purchase->start(m_model->planCode(m_table->currentIndex()),
+    m_purchase->start(m_model->planCode(m_table->selectionModel()->selectedRows().constFirst()),
                       {m_firstName->text(), m_lastName->text(), m_email->text()});
 }
 

@@ -40,6 +40,7 @@ private:
     Plans *m_plans;
     Purchase *m_purchase;
 
+    // In the order of the Tab key.
     PlansModel *m_model;
     QTableView *m_table;
     Notice *m_plansNotice;

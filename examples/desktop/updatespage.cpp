@@ -16,12 +16,12 @@ UpdatesPage::UpdatesPage(Updates *updates, QWidget *parent)
     : QWidget(parent)
     , m_updates(updates)
     , m_check(new QPushButton(u"&Cerca aggiornamenti"_s, this))
+    , m_download(new QPushButton(u"&Scarica e verifica"_s, this))
+    , m_openFolder(new QPushButton(u"Apri car&tella"_s, this))
     , m_busy(new BusyRow(u"Ricerca o scaricamento in corso"_s, this))
     , m_notice(new Notice(this))
     , m_notesLabel(makeLabel(this))
     , m_notes(new QPlainTextEdit(this))
-    , m_download(new QPushButton(u"&Scarica e verifica"_s, this))
-    , m_openFolder(new QPushButton(u"Apri car&tella"_s, this))
 {
     setObjectName(u"updates"_s);
     m_check->setShortcut(QKeySequence::Refresh);

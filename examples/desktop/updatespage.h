@@ -26,13 +26,14 @@ private:
     void openFolder();
 
     Updates *m_updates;
+    // In the order of the Tab key.
     QPushButton *m_check;
+    QPushButton *m_download;
+    QPushButton *m_openFolder;
     BusyRow *m_busy;
     Notice *m_notice;
     QLabel *m_notesLabel;
     QPlainTextEdit *m_notes;
-    QPushButton *m_download;
-    QPushButton *m_openFolder;
 };
 
 #endif // UPDATESPAGE_H

@@ -23,8 +23,9 @@ public:
 
 private:
     Usage *m_usage;
-    QCheckBox *m_wanted;
+    // In the order of the Tab key.
     QPlainTextEdit *m_preview;
+    QCheckBox *m_wanted;
     QPushButton *m_send;
     BusyRow *m_busy;
     Notice *m_notice;
