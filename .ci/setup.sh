@@ -38,7 +38,7 @@ install_missing() {
         done
         [ ${#missing[@]} -eq 0 ] && return
         echo "Missing: ${missing[*]}. Install them (CMake 3.25 or later), and Qt 6.4 or later (Core," \
-            "Network, Sql with SQLite, Test), then run this again." >&2
+            "Network, Sql with SQLite, Test, Widgets), then run this again." >&2
         exit 1
     fi
 

@@ -122,7 +122,7 @@ Q_SIGNALS:
 
     // A download was written to the path, as it was given. The file is still open while directly
     // connected slots run, its last bytes possibly unwritten: read or move it from a queued
-    // connection.
+    // connection to a receiver in this thread. One in another thread may run too early.
     void updateDownloaded(const QString &destinationPath);
 
     // The plans as the service sent them, which alone decides their members; empty when it sent

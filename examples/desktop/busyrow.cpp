@@ -43,9 +43,10 @@ void BusyRow::begin()
 void BusyRow::end()
 {
     const bool hasFocus = window()->focusWidget() == m_cancel;
+    QWidget *focused = m_focused;
     // It may be of no use any more; then the focus goes to what is next.
-    if (hasFocus && m_focused && m_focused->isVisible() && m_focused->isEnabled())
-        m_focused->setFocus();
+    if (hasFocus && focused && focused->isVisible() && focused->isEnabled())
+        focused->setFocus();
     m_focused.clear();
     hide();
 }
