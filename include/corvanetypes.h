@@ -10,67 +10,68 @@
 // checked; a text that the service left out, or sent as another JSON type, is empty.
 // Constructing a Corvane registers all three with the meta-type system under their own names.
 
-// The result of an update check.
+/// The result of an update check.
 struct UpdateInfo
 {
-    // True exactly when latestVersion is not empty and differs from currentVersion, letter for
-    // letter. Versions are not ordered: an older release offered by the service counts too.
+    /// True exactly when latestVersion is not empty and differs from currentVersion, letter for
+    /// letter. Versions are not ordered: an older release offered by the service counts too.
     bool updateAvailable = false;
-    // The product the release is for. Not compared with the configured product code.
+    /// The product the release is for. Not compared with the configured product code.
     QString productCode;
-    // The version given to the most recent Corvane::checkForUpdate() that was sent.
+    /// The version given to the most recent Corvane::checkForUpdate() that was sent.
     QString currentVersion;
-    // The version the service offers; empty when it offers none or refused.
+    /// The version the service offers; empty when it offers none or refused.
     QString latestVersion;
-    // Where this release can be downloaded, and where the channel's newest release always can.
-    // Either may be empty; neither stands in for the other.
+    /// Where this release can be downloaded, and where the channel's newest release always can.
+    /// Either may be empty; neither stands in for the other.
     QString downloadUrl;
-    QString stableDownloadUrl;
-    // The SHA-256 of the release file as the service writes it. Nothing in the library compares
-    // it with a download; the host does.
+    QString stableDownloadUrl; ///< See downloadUrl.
+    /// The SHA-256 of the release file as the service writes it. Nothing in the library compares
+    /// it with a download; the host does.
     QString sha256;
-    // Release notes.
+    /// Release notes.
     QString notes;
-    // The whole reply, with the members that have no field above; empty when the reply was not
-    // a JSON object.
+    /// The whole reply, with the members that have no field above; empty when the reply was not
+    /// a JSON object.
     QJsonObject raw;
 };
 
-// The result of starting or resuming a purchase. The ids are set whenever the service sent them,
-// also in a refusal.
+/// The result of starting or resuming a purchase. The ids are set whenever the service sent them,
+/// also in a refusal.
 struct PurchaseStartInfo
 {
-    // True when the service accepted: the buyer can approve the payment at approvalUrl.
+    /// True when the service accepted: the buyer can approve the payment at approvalUrl.
     bool success = false;
-    // The service's numbers for the payment and the licence; 0 when it sent none, or anything but
-    // a whole number in the range of int.
+    /// The service's numbers for the payment and the licence; 0 when it sent none, or anything but
+    /// a whole number in the range of int.
     int paymentId = 0;
-    int licenseId = 0;
-    // Keep this to resume the purchase later with Corvane::resumePayPalPurchase().
+    int licenseId = 0; ///< See paymentId.
+    /// Keep this to resume the purchase later with Corvane::resumePayPalPurchase().
     QString licenseKey;
-    // Keep this to take the payment with Corvane::capturePayPalPurchase().
+    /// Keep this to take the payment with Corvane::capturePayPalPurchase().
     QString paypalOrderId;
-    // The page where the buyer approves the payment; the host opens it in a browser.
+    /// The page where the buyer approves the payment; the host opens it in a browser.
     QString approvalUrl;
-    // A text for the user, in Italian: "Pagamento avviato." on success; otherwise the service's
-    // own error message, or "Pagamento non avviato." when it sent none.
+    /// A text for the user, in Italian: "Pagamento avviato." on success; otherwise the service's
+    /// own error message, or "Pagamento non avviato." when it sent none.
     QString message;
-    // The whole reply; empty when it was not a JSON object.
+    /// The whole reply; empty when it was not a JSON object.
     QJsonObject raw;
 };
 
-// The result of capturing a payment.
+/// The result of capturing a payment.
 struct PurchaseCaptureInfo
 {
-    // True when the payment was taken. False also when the reply was unreadable, cut short for one.
+    /// True when the payment was taken. False also when the reply was unreadable, cut short for
+    /// one.
     bool paid = false;
-    // The service's number for the licence; 0 as in PurchaseStartInfo.
+    /// The service's number for the licence; 0 as in PurchaseStartInfo.
     int licenseId = 0;
-    // A text for the user, in Italian: "Pagamento completato." when paid; otherwise the service's
-    // own error message, or "Pagamento non completato." when it sent none.
+    /// A text for the user, in Italian: "Pagamento completato." when paid; otherwise the service's
+    /// own error message, or "Pagamento non completato." when it sent none.
     QString message;
-    // The whole reply, where the service may also send the licence's key; empty when it was not a
-    // JSON object.
+    /// The whole reply, where the service may also send the licence's key; empty when it was not a
+    /// JSON object.
     QJsonObject raw;
 };
 
