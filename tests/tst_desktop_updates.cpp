@@ -136,6 +136,8 @@ void tst_DesktopUpdates::tellsNoUpdateFromFailedCheck_data()
     QTest::newRow("refused-in-body")
         << uR"({"body": {"success": false, "error": {"message": "Canale <b>chiuso</b>."}}})"_s
         << idle + unknown + u"Canale <b>chiuso</b>."_s;
+    QTest::newRow("error-beside-success")
+        << uR"({"merge": {"error": {"message": "Canale quasi chiuso."}}})"_s << available;
     QTest::newRow("refused-without-reason") << uR"({"body": {"success": false}})"_s << noVersion;
     QTest::newRow("page") << uR"({"page": "<h1>Benvenuti</h1>"})"_s << noVersion;
     QTest::newRow("nothing") << uR"({"status": 204})"_s << noVersion;

@@ -143,7 +143,7 @@ QString Updates::defect() const
 {
     const QString refusal =
         m_update.raw.value("error"_L1).toObject().value("message"_L1).toString();
-    if (!refusal.isEmpty())
+    if (!m_update.raw.value("success"_L1).toBool() && !refusal.isEmpty())
         return refusal;
     if (m_update.latestVersion.isEmpty())
         return u"La risposta del servizio non indica alcuna versione."_s;

@@ -77,10 +77,12 @@ void Usage::connectResults(Corvane *client)
     connect(client, &Corvane::usageSent, this, [this](bool isAccepted, const QString &message) {
         end();
         Q_EMIT changed();
+        // The service may have something to say in either case.
         if (isAccepted)
-            Q_EMIT told(Notice::Success, u"Dati inviati."_s);
+            Q_EMIT told(Notice::Success, u"Dati inviati. %1"_s.arg(message).trimmed());
         else
-            Q_EMIT told(Notice::Warning, u"Dati non accettati dal servizio. "_s + message);
+            Q_EMIT told(Notice::Warning,
+                        u"Dati non accettati dal servizio. %1"_s.arg(message).trimmed());
     });
 }
 
