@@ -6,8 +6,11 @@
 
 #include <QtCore/qdir.h>
 #include <QtCore/qjsonarray.h>
+#include <QtNetwork/qnetworkreply.h>
 #include <QtTest/qsignalspy.h>
 #include <QtTest/qtest.h>
+
+#include <filesystem>
 
 using namespace Qt::StringLiterals;
 
@@ -23,7 +26,9 @@ const QString busy =
 const QString available = offering + u"\nÈ disponibile la versione 1.5.0."_s;
 const QString unknown = u"\nRicerca non riuscita: non si sa se ci sono aggiornamenti. "_s;
 const QString failed = u"\nScaricamento non riuscito. "_s;
-const QString mismatch = u"Il file scaricato non è quello pubblicato: è stato eliminato."_s;
+const QString mismatch =
+    u"Il file scaricato non è quello pubblicato, forse è arrivato incompleto o "
+    "il disco è pieno: è stato eliminato."_s;
 
 } // namespace
 
@@ -48,7 +53,7 @@ private Q_SLOTS:
     void endsCheckThatTakesTooLong();
 
     void downloadsIntoPlace();
-    void replacesOldFile();
+    void replacesOldFileInOneStep();
     void opensFolder();
     void takesFileNameFromUrl_data();
     void takesFileNameFromUrl();
@@ -56,6 +61,7 @@ private Q_SLOTS:
     void failedDownloadLeavesWhatWasThere();
     void givesUpDownload();
     void hearsNothingOfDownloadGivenUp();
+    void leavesNothingOfDownloadGivenUpAtItsEnd();
     void endsDownloadThatTakesTooLong();
     void tellsFolderThatCannotBeWritten();
     void tellsDestinationThatCannotBeReplaced();
@@ -113,31 +119,32 @@ void tst_DesktopUpdates::tellsNoUpdateFromFailedCheck_data()
 
     const QString noVersion =
         idle + unknown + u"La risposta del servizio non indica alcuna versione."_s;
-    const QString noPlace =
-        idle + unknown + u"La risposta del servizio non indica dove scaricare la versione 1.5.0."_s;
+    const QString offered =
+        idle + u"\nÈ offerta la versione 1.5.0, ma non può essere scaricata: "_s;
+    const QString noPlace = offered + u"il servizio non indica dove."_s;
     const QString noDigest =
-        idle + unknown + u"La versione 1.5.0 non può essere verificata: manca il suo SHA-256."_s;
+        offered + u"il servizio non ne indica lo SHA-256, e non potrebbe essere verificata."_s;
 
     QTest::newRow("nothing-new") << uR"({"merge": {"release": {"version": "1.4.0"}}})"_s
                                  << idle
-            + u"\nNessun aggiornamento: la versione è quella offerta."_s;
+            + u"\nNessun aggiornamento: la versione installata è quella offerta."_s;
     QTest::newRow("nothing-new-and-nothing-to-download")
         << uR"({"merge": {"release": {"version": "1.4.0", "download_url": null,
              "stable_download_url": null, "sha256": null}}})"_s
-        << idle + u"\nNessun aggiornamento: la versione è quella offerta."_s;
+        << idle + u"\nNessun aggiornamento: la versione installata è quella offerta."_s;
     QTest::newRow("older") << uR"({"merge": {"release": {"version": "1.3.9"}}})"_s
                            << offering
             + u"\nIl servizio offre la versione 1.3.9, precedente a quella installata."_s;
     QTest::newRow("newer-by-number") << uR"({"merge": {"release": {"version": "1.10"}}})"_s
                                      << offering + u"\nÈ disponibile la versione 1.10."_s;
-    QTest::newRow("only-the-channel's-url")
-        << uR"({"merge": {"release": {"download_url": null}}})"_s << available;
-
     QTest::newRow("refused-in-body")
         << uR"({"body": {"success": false, "error": {"message": "Canale <b>chiuso</b>."}}})"_s
         << idle + unknown + u"Canale <b>chiuso</b>."_s;
     QTest::newRow("error-beside-success")
-        << uR"({"merge": {"error": {"message": "Canale quasi chiuso."}}})"_s << available;
+        << uR"({"merge": {"error": {"message": "Canale quasi chiuso."}}})"_s
+        << available + u" Canale quasi chiuso."_s;
+    QTest::newRow("version-in-letters") << uR"({"merge": {"release": {"version": "estate"}}})"_s
+                                        << offering + u"\nÈ disponibile la versione estate."_s;
     QTest::newRow("refused-without-reason") << uR"({"body": {"success": false}})"_s << noVersion;
     QTest::newRow("page") << uR"({"page": "<h1>Benvenuti</h1>"})"_s << noVersion;
     QTest::newRow("nothing") << uR"({"status": 204})"_s << noVersion;
@@ -146,10 +153,8 @@ void tst_DesktopUpdates::tellsNoUpdateFromFailedCheck_data()
         << uR"({"merge": {"release": {"version": 2}}})"_s << noVersion;
     QTest::newRow("other-product")
         << uR"({"merge": {"release": {"product_code": "OTHER"}}})"_s
-        << idle + unknown + u"La risposta del servizio riguarda un altro prodotto."_s;
-    QTest::newRow("no-url")
-        << uR"({"merge": {"release": {"download_url": null, "stable_download_url": null}}})"_s
-        << noPlace;
+        << idle + unknown + u"La risposta del servizio non riguarda questo prodotto."_s;
+    QTest::newRow("no-url") << uR"({"merge": {"release": {"download_url": null}}})"_s << noPlace;
     QTest::newRow("local-file")
         << uR"({"merge": {"release": {"download_url": "file:///etc/hostname"}}})"_s << noPlace;
     QTest::newRow("relative-url")
@@ -242,7 +247,7 @@ void tst_DesktopUpdates::endsCheckThatTakesTooLong()
     m_desktop->service.callTimeout = std::chrono::milliseconds(300);
     m_desktop->open();
     QVERIFY(m_desktop->waitForPage(idle + unknown
-                                   + u"Il servizio non ha risposto entro 0.3 secondi."_s));
+                                   + u"La richiesta non è finita nel tempo concesso (0.3 s)."_s));
 
     clearFaults();
     m_desktop->service.callTimeout = std::chrono::seconds(20);
@@ -260,14 +265,20 @@ void tst_DesktopUpdates::downloadsIntoPlace()
     QCOMPARE(Files::contentOf(m_desktop->downloads() + u"/demo.bin"_s), Sandbox::release);
 }
 
-void tst_DesktopUpdates::replacesOldFile()
+// A second name of the old file still has it: nothing was written into it.
+void tst_DesktopUpdates::replacesOldFileInOneStep()
 {
     QDir().mkpath(m_desktop->downloads());
-    Files::write(m_desktop->downloads() + u"/demo.bin"_s, "old");
+    const QString file = m_desktop->downloads() + u"/demo.bin"_s;
+    const QString other = m_desktop->downloads() + u".old"_s;
+    Files::write(file, "old");
+    std::filesystem::create_hard_link(QFile(file).filesystemFileName(),
+                                      QFile(other).filesystemFileName());
     openAndFind();
     m_desktop->click(u"Scarica e verifica"_s);
     QVERIFY(m_desktop->waitForLine(u"Versione 1.5.0 scaricata"_s));
     QCOMPARE(Files::contentOf(m_desktop->downloads() + u"/demo.bin"_s), Sandbox::release);
+    QCOMPARE(Files::contentOf(other), QByteArray("old"));
 }
 
 void tst_DesktopUpdates::opensFolder()
@@ -288,8 +299,10 @@ void tst_DesktopUpdates::takesFileNameFromUrl_data()
     QTest::newRow("blank") << QByteArray("/a%20b.bin") << u"a b.bin"_s;
     QTest::newRow("none") << QByteArray("/") << u"aggiornamento"_s;
     QTest::newRow("slash") << QByteArray("/..%2F..%2Fno.bin") << u"no.bin"_s;
-    // Nothing is saved.
-    QTest::newRow("folder-above") << QByteArray("/..") << QString();
+    QTest::newRow("folder-above") << QByteArray("/..") << u"aggiornamento"_s;
+    QTest::newRow("backslash") << QByteArray("/..%5Cno.bin") << u"aggiornamento"_s;
+    QTest::newRow("hidden") << QByteArray("/.profile") << u"aggiornamento"_s;
+    QTest::newRow("accent") << QByteArray("/citt%C3%A0-1.5.bin") << u"città-1.5.bin"_s;
 }
 
 void tst_DesktopUpdates::takesFileNameFromUrl()
@@ -305,9 +318,8 @@ void tst_DesktopUpdates::takesFileNameFromUrl()
                  + QString::fromLatin1(path)));
     openAndFind();
     m_desktop->click(u"Scarica e verifica"_s);
-    QVERIFY(m_desktop->waitForLine(file.isEmpty() ? u"Scaricamento non riuscito"_s
-                                                  : u"Versione 1.5.0 scaricata"_s));
-    QCOMPARE(files(), file.isEmpty() ? QStringList() : QStringList(file));
+    QVERIFY(m_desktop->waitForLine(u"Versione 1.5.0 scaricata"_s));
+    QCOMPARE(files(), QStringList(file));
     QCOMPARE(QDir(QFileInfo(m_desktop->downloads()).path()).entryList(QDir::Files), QStringList());
 }
 
@@ -370,7 +382,7 @@ void tst_DesktopUpdates::givesUpDownload()
     QCOMPARE(m_desktop->page(), busy + u"\nScaricamento della versione 1.5.0…"_s);
     m_desktop->click(u"Annulla"_s);
     QCOMPARE(m_desktop->page(), available);
-    QCOMPARE(files(), QStringList());
+    QVERIFY(QTest::qWaitFor([this] { return files().isEmpty(); }, 20000));
 }
 
 // The library has saved the file, and the news of it is on its way when the user gives up and
@@ -390,7 +402,25 @@ void tst_DesktopUpdates::hearsNothingOfDownloadGivenUp()
     QCOMPARE(m_desktop->page(), busy + u"\nScaricamento della versione 1.5.0…"_s);
     m_desktop->click(u"Annulla"_s);
     QCOMPARE(m_desktop->page(), available);
-    QCOMPARE(files(), QStringList());
+    QVERIFY(QTest::qWaitFor([this] { return files().isEmpty(); }, 20000));
+}
+
+// The reply has come whole, and the library saves it although its client is to be deleted.
+void tst_DesktopUpdates::leavesNothingOfDownloadGivenUpAtItsEnd()
+{
+    openAndFind();
+    auto *client = m_desktop->host()->updates.findChild<Corvane *>();
+    m_desktop->click(u"Scarica e verifica"_s);
+    auto *reply = client->findChild<QNetworkReply *>();
+    QVERIFY(reply);
+    QObject context;
+    QObject::connect(reply, &QIODevice::readChannelFinished, &context,
+                     [this] { m_desktop->host()->updates.cancel(); });
+    QStringList saved;
+    QObject::connect(reply, &QNetworkReply::finished, &context, [&] { saved = files(); });
+    QVERIFY(m_desktop->waitForPage(available));
+    QVERIFY(QTest::qWaitFor([&] { return !saved.isEmpty(); }, 20000));
+    QVERIFY(QTest::qWaitFor([this] { return files().isEmpty(); }, 20000));
 }
 
 void tst_DesktopUpdates::endsDownloadThatTakesTooLong()
@@ -400,8 +430,8 @@ void tst_DesktopUpdates::endsDownloadThatTakesTooLong()
     openAndFind();
     m_desktop->click(u"Scarica e verifica"_s);
     QVERIFY(m_desktop->waitForPage(offering + failed
-                                   + u"Il servizio non ha risposto entro 1.5 secondi."_s));
-    QCOMPARE(files(), QStringList());
+                                   + u"La richiesta non è finita nel tempo concesso (1.5 s)."_s));
+    QVERIFY(QTest::qWaitFor([this] { return files().isEmpty(); }, 20000));
 }
 
 void tst_DesktopUpdates::tellsFolderThatCannotBeWritten()
@@ -434,8 +464,8 @@ void tst_DesktopUpdates::newCheckForgetsDownload()
     fault(
         uR"({"operation": "update-check", "do": {"merge": {"release": {"version": "1.4.0"}}}})"_s);
     m_desktop->click(u"Cerca aggiornamenti"_s);
-    QVERIFY(
-        m_desktop->waitForPage(idle + u"\nNessun aggiornamento: la versione è quella offerta."_s));
+    QVERIFY(m_desktop->waitForPage(
+        idle + u"\nNessun aggiornamento: la versione installata è quella offerta."_s));
 }
 
 void tst_DesktopUpdates::fault(const QString &json) const

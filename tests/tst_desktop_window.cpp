@@ -1,7 +1,9 @@
 #include "desktop.h"
 #include "desktophost.h"
 
+#include <QtCore/qdir.h>
 #include <QtCore/qjsonarray.h>
+#include <QtCore/qlockfile.h>
 #include <QtCore/qprocess.h>
 #include <QtCore/qscopeguard.h>
 #include <QtGui/qaccessible.h>
@@ -45,6 +47,7 @@ private Q_SLOTS:
     void tabGoesFromTopToBottom_data();
     void tabGoesFromTopToBottom();
     void focusComesBackAfterWaiting();
+    void focusStaysInFieldThatCanBeUsed();
     void focusStaysOnOtherPage();
     void mnemonicsDiffer_data();
     void mnemonicsDiffer();
@@ -60,10 +63,13 @@ private Q_SLOTS:
 
     void commandLine_data();
     void commandLine();
+    void secondWindowIsRefused();
     void helpFitsAScreen();
     void programRuns();
 
 private:
+    // The texts for which there is no room.
+    QStringList clipped() const;
     // The page with all that it can show.
     void openPage(const QString &title, bool withFaults = false);
     QString focused() const;
@@ -99,6 +105,9 @@ void tst_DesktopWindow::everythingByKeyboard()
     // What a shortcut presses is seen to be pressed for a while, and only then acts.
     QSignalSpy changed(&m_desktop->host()->updates, &Updates::changed);
     press(Qt::Key_F5);
+    QVERIFY(changed.wait(timeout));
+    QVERIFY(m_desktop->waitForLine(u"È disponibile"_s));
+    pressAlt(Qt::Key_C);
     QVERIFY(changed.wait(timeout));
     QVERIFY(m_desktop->waitForLine(u"È disponibile"_s));
     pressAlt(Qt::Key_S);
@@ -179,6 +188,18 @@ void tst_DesktopWindow::focusComesBackAfterWaiting()
     QCOMPARE(focused(), u"Annulla"_s);
     QTest::keyClick(m_desktop->window()->focusWidget(), Qt::Key_Space);
     QCOMPARE(focused(), u"Cerca aggiornamenti"_s);
+}
+
+void tst_DesktopWindow::focusStaysInFieldThatCanBeUsed()
+{
+    openPage(purchase);
+    QTest::keyClick(m_desktop->window(), Qt::Key_N, Qt::AltModifier);
+    m_desktop->sandbox.ask("POST", u"/sandbox/faults"_s,
+                           R"({"faults": [{"do": {"bytes": "stall", "after": 0}}]})",
+                           {{"Content-Type", "application/json"}});
+    m_desktop->host()->plans.fetch();
+    QVERIFY(m_desktop->page().contains(u"[Annulla]"_s));
+    QCOMPARE(focused(), u"Nome"_s);
 }
 
 // A result that comes while the user types somewhere else does not disturb him.
@@ -300,25 +321,8 @@ void tst_DesktopWindow::nothingIsClipped()
         m_desktop->click(u"Acquista con PayPal"_s);
         QVERIFY(m_desktop->waitForLine(u"Pagamento avviato."_s));
     }
-    QCoreApplication::sendPostedEvents();
-
-    QStringList clipped;
-    const QList<QWidget *> parts = m_desktop->window()->findChildren<QWidget *>();
-    for (const QWidget *part : parts) {
-        if (!part->isVisible())
-            continue;
-        const auto *label = qobject_cast<const QLabel *>(part);
-        if (label && label->wordWrap()) {
-            if (label->height() < label->heightForWidth(label->width()))
-                clipped += label->text();
-        } else if ((label || qobject_cast<const QPushButton *>(part))
-                   && (part->width() < part->minimumSizeHint().width()
-                       || part->height() < part->minimumSizeHint().height()))
-        {
-            clipped += accessibleName(part);
-        }
-    }
-    QCOMPARE(clipped, QStringList());
+    QVERIFY2(QTest::qWaitFor([this] { return clipped().isEmpty(); }, timeout),
+             qPrintable(clipped().join(u'\n')));
 }
 
 // A part with colours of its own would not follow a dark theme.
@@ -379,6 +383,7 @@ void tst_DesktopWindow::commandLine_data()
     const QString badTime = u"corvane-desktop: A time-out is from 1 to 86400 seconds.\n"_s;
     QTest::newRow("nothing") << QStringList() << noServer;
     QTest::newRow("no-url") << QStringList{u"--server=nowhere"_s} << noServer;
+    QTest::newRow("other-scheme") << QStringList{u"--server=ftp://127.0.0.1/"_s} << noServer;
     QTest::newRow("broken-url") << QStringList{u"--server=http://a b/"_s} << noServer;
     QTest::newRow("unknown-option")
         << QStringList{server, u"--fast"_s} << u"corvane-desktop: Unknown option 'fast'.\n"_s;
@@ -395,6 +400,18 @@ void tst_DesktopWindow::commandLine()
     QFETCH(const QString, complaint);
 
     QCOMPARE(run(arguments), qMakePair(2, complaint));
+}
+
+// It would write over the first one's purchase.
+void tst_DesktopWindow::secondWindowIsRefused()
+{
+    QDir().mkpath(m_desktop->stateFolder());
+    QLockFile lock(m_desktop->stateFolder() + u"/blocco"_s);
+    QVERIFY(lock.tryLock());
+    QCOMPARE(run({u"--server=http://127.0.0.1:1"_s, u"--state"_s, m_desktop->stateFolder()}),
+             qMakePair(2,
+                       u"corvane-desktop: Another one is running with the state in %1.\n"_s.arg(
+                           m_desktop->stateFolder())));
 }
 
 void tst_DesktopWindow::helpFitsAScreen()
@@ -431,6 +448,25 @@ void tst_DesktopWindow::programRuns()
     QVERIFY2(target.startsWith("/api/v1/releases/latest/DEMO?channel=beta&_="), target.constData());
     program.kill();
     QVERIFY(program.waitForFinished(timeout));
+}
+
+QStringList tst_DesktopWindow::clipped() const
+{
+    QStringList clipped;
+    const QList<QWidget *> parts = m_desktop->window()->findChildren<QWidget *>();
+    for (const QWidget *part : parts) {
+        const auto *label = qobject_cast<const QLabel *>(part);
+        const bool isButton = qobject_cast<const QPushButton *>(part);
+        if (!part->isVisible() || (!label && !isButton))
+            continue;
+        const QSize needed = part->minimumSizeHint();
+        const bool isClipped = label && label->wordWrap()
+            ? label->height() < label->heightForWidth(label->width())
+            : part->width() < needed.width() || part->height() < needed.height();
+        if (isClipped)
+            clipped += label ? label->text() : accessibleName(part);
+    }
+    return clipped;
 }
 
 void tst_DesktopWindow::openPage(const QString &title, bool withFaults)

@@ -27,26 +27,29 @@ BusyRow::BusyRow(const QString &name, QWidget *parent)
     hide();
 }
 
-void BusyRow::begin()
+void BusyRow::follow(bool isBusy, bool canCancel, const std::function<void()> &enable)
 {
-    if (!isHidden())
-        return;
     QWidget *focused = window()->focusWidget();
-    show();
-    // The user may be elsewhere, on another page say.
-    if (!focused || !parentWidget()->isAncestorOf(focused))
-        return;
-    m_focused = focused;
-    m_cancel->setFocus();
+    const bool hadFocus = focused == m_cancel;
+    setVisible(isBusy);
+    m_cancel->setEnabled(canCancel);
+    enable();
+
+    // The user may be elsewhere, and stays there.
+    const bool isLost = focused && parentWidget()->isAncestorOf(focused) && !focused->isEnabled();
+    if (isBusy && canCancel && isLost) {
+        m_focused = focused;
+        m_cancel->setFocus();
+    } else if (hadFocus && !canCancel) {
+        giveFocusBack();
+    }
 }
 
-void BusyRow::end()
+void BusyRow::giveFocusBack()
 {
-    const bool hasFocus = window()->focusWidget() == m_cancel;
     QWidget *focused = m_focused;
-    // It may be of no use any more; then the focus goes to what is next.
-    if (hasFocus && focused && focused->isVisible() && focused->isEnabled())
-        focused->setFocus();
     m_focused.clear();
-    hide();
+    // It may be of no use any more; then the focus goes to what is next.
+    if (focused && focused->isVisible() && focused->isEnabled())
+        focused->setFocus();
 }

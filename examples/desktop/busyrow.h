@@ -4,6 +4,8 @@
 #include <QtCore/qpointer.h>
 #include <QtWidgets/qwidget.h>
 
+#include <functional>
+
 class QPushButton;
 
 // The sign that something is under way, of which nobody can tell how far it is, with a button to
@@ -15,15 +17,16 @@ class BusyRow : public QWidget
 public:
     explicit BusyRow(const QString &name, QWidget *parent = nullptr);
 
-    // Buttons that lose the focus meanwhile get it back: begin before they are disabled, and end
-    // when they are enabled.
-    void begin();
-    void end();
+    // Shows whether something is under way and can be stopped. Calls enable() to have buttons
+    // enabled and disabled: what loses the focus by that has it back in the end.
+    void follow(bool isBusy, bool canCancel, const std::function<void()> &enable);
 
 Q_SIGNALS:
     void cancelled();
 
 private:
+    void giveFocusBack();
+
     QPushButton *m_cancel;
     QPointer<QWidget> m_focused;
 };

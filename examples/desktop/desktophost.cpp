@@ -17,16 +17,14 @@ DesktopHost::DesktopHost(const Service &service, const QString &folder)
     , usage(service, &m_state)
 {
     QDir().mkpath(folder);
-    for (QObject *object : {static_cast<QObject *>(m_diary), static_cast<QObject *>(m_releaseFile)})
-    {
+    for (QObject *object : std::initializer_list<QObject *>{m_diary, m_releaseFile}) {
         object->moveToThread(&m_thread);
         QObject::connect(&m_thread, &QThread::finished, object, &QObject::deleteLater);
     }
-    for (const Caller *caller : {static_cast<Caller *>(&updates), static_cast<Caller *>(&plans),
-                                 static_cast<Caller *>(&purchase), static_cast<Caller *>(&usage)})
-        // In the caller's thread, where clients live.
-        QObject::connect(caller, &Caller::clientMade, caller,
-                         [this](Corvane *client) { m_diary->follow(client); });
+    for (Caller *caller : std::initializer_list<Caller *>{&updates, &plans, &purchase, &usage})
+        m_diary->follow(caller);
+    // The licence is a part of what is sent.
+    QObject::connect(&purchase, &Purchase::changed, &usage, &Usage::changed);
     m_thread.setObjectName(u"files"_s);
     m_thread.start();
 }

@@ -21,7 +21,7 @@ public:
     Q_DISABLE_COPY_MOVE(DesktopHost)
 
 private:
-    // What may take its time lives here.
+    // Of the two, which it deletes when it ends. All of these outlive the parts below.
     QThread m_thread;
     Diary *m_diary;
     ReleaseFile *m_releaseFile;

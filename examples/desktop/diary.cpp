@@ -1,6 +1,6 @@
 #include "diary.h"
 
-#include <corvane.h>
+#include "caller.h"
 
 #include <QtCore/qdatetime.h>
 
@@ -20,7 +20,16 @@ Diary::Diary(const QString &file)
 {
 }
 
-void Diary::follow(Corvane *client)
+void Diary::follow(Caller *caller)
+{
+    connect(caller, &Caller::failed, this, &Diary::writeFailure);
+    // Clients come and go, in the caller's thread.
+    connect(caller, &Caller::clientMade, caller,
+            [this](Corvane *client) { connectResults(client); });
+}
+
+// All of these are queued by themselves, as this object lives in another thread than the client.
+void Diary::connectResults(Corvane *client)
 {
     connect(client, &Corvane::updateChecked, this, &Diary::writeCheck);
     connect(client, &Corvane::updateDownloaded, this, &Diary::writeDownload);
@@ -28,7 +37,6 @@ void Diary::follow(Corvane *client)
     connect(client, &Corvane::purchaseStarted, this, &Diary::writeStarted);
     connect(client, &Corvane::purchaseCaptured, this, &Diary::writeCaptured);
     connect(client, &Corvane::usageSent, this, &Diary::writeUsage);
-    connect(client, &Corvane::networkError, this, &Diary::writeError);
 }
 
 void Diary::writeCheck(const UpdateInfo &update)
@@ -64,7 +72,7 @@ void Diary::writeUsage(bool isAccepted, const QString &message)
     write(u"dati di utilizzo accettati: %1, messaggio: %2"_s.arg(yesOrNo(isAccepted), message));
 }
 
-void Diary::writeError(const QString &message)
+void Diary::writeFailure(const QString &message)
 {
     write(u"errore: %1"_s.arg(message));
 }

@@ -4,13 +4,14 @@
 #include <QtCore/qfile.h>
 #include <QtCore/qobject.h>
 
+class Caller;
 class Corvane;
 struct PurchaseCaptureInfo;
 struct PurchaseStartInfo;
 struct UpdateInfo;
 
-// Writes down what the service said in this session, for whoever helps the user: a line each,
-// without names, addresses or keys. It lives in a thread of its own, so that a slow disk holds up
+// Writes down what the service said in this session, for whoever helps the user: a line each, and
+// nothing of what the user has typed. It lives in a thread of its own, so that a slow disk holds up
 // nobody, and gets the results by queued connections.
 class Diary : public QObject
 {
@@ -19,18 +20,18 @@ class Diary : public QObject
 public:
     explicit Diary(const QString &file);
 
-    // To be called in the client's thread. The connections are made here, and are queued by
-    // themselves, as this object lives in another thread.
-    void follow(Corvane *client);
+    // To be called in the caller's thread.
+    void follow(Caller *caller);
 
 private:
+    void connectResults(Corvane *client);
     void writeCheck(const UpdateInfo &update);
     void writeDownload(const QString &path);
     void writePlans(const QJsonArray &plans);
     void writeStarted(const PurchaseStartInfo &purchase);
     void writeCaptured(const PurchaseCaptureInfo &capture);
     void writeUsage(bool isAccepted, const QString &message);
-    void writeError(const QString &message);
+    void writeFailure(const QString &message);
     void write(const QString &line);
 
     // A child, so that it changes threads with this object.

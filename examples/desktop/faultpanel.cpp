@@ -1,6 +1,7 @@
 #include "faultpanel.h"
 
 #include "notice.h"
+#include "service.h"
 
 #include <QtCore/qjsondocument.h>
 #include <QtCore/qjsonobject.h>
@@ -12,9 +13,9 @@
 
 using namespace Qt::StringLiterals;
 
-FaultPanel::FaultPanel(const QUrl &sandbox, QWidget *parent)
+FaultPanel::FaultPanel(const Service &sandbox, QWidget *parent)
     : QDockWidget(u"Guasti (per chi sviluppa)"_s, parent)
-    , m_sandbox(sandbox)
+    , m_sandbox(sandbox.url)
     , m_names(new QComboBox(this))
     , m_sentence(makeLabel(this))
     , m_start(new QPushButton(u"&Metti in atto"_s, this))
@@ -23,7 +24,7 @@ FaultPanel::FaultPanel(const QUrl &sandbox, QWidget *parent)
 {
     setObjectName(u"faults"_s);
     setFeatures(DockWidgetMovable | DockWidgetFloatable);
-    m_network.setTransferTimeout(10000);
+    m_network.setTransferTimeout(static_cast<int>(sandbox.callTimeout.count()));
     m_names->setSizeAdjustPolicy(QComboBox::AdjustToContents);
     m_names->setAccessibleName(u"Guasto"_s);
 
@@ -51,6 +52,8 @@ void FaultPanel::fetchScenarios()
         for (const auto &scenario : std::as_const(m_scenarios))
             m_names->addItem(scenario.toObject().value("name"_L1).toString());
         m_start->setEnabled(!m_scenarios.isEmpty());
+        if (m_scenarios.isEmpty())
+            m_notice->tell({Message::Warning, u"Il servizio non è una sandbox."_s});
     });
 }
 
@@ -65,14 +68,14 @@ void FaultPanel::start()
     const QJsonObject body = {{u"name"_s, name}};
     ask("POST", u"/sandbox/scenario"_s, QJsonDocument(body).toJson(),
         [this, name](const QJsonObject &) {
-            m_notice->tell(Notice::Warning, u"In atto: "_s + name);
+            m_notice->tell({Message::Warning, u"In atto: "_s + name});
         });
 }
 
 void FaultPanel::stop()
 {
     ask("DELETE", u"/sandbox/faults"_s, {}, [this](const QJsonObject &) {
-        m_notice->tell(Notice::Success, u"Nessun guasto in atto."_s);
+        m_notice->tell({Message::Success, u"Nessun guasto in atto."_s});
     });
 }
 
@@ -87,7 +90,7 @@ void FaultPanel::ask(const QByteArray &method, const QString &path, const QByteA
         if (reply->error() == QNetworkReply::NoError)
             receiver(QJsonDocument::fromJson(reply->readAll()).object());
         else
-            m_notice->tell(Notice::Warning,
-                           u"La sandbox non risponde: %1"_s.arg(reply->errorString()));
+            m_notice->tell(
+                {Message::Warning, u"La sandbox non risponde: %1"_s.arg(reply->errorString())});
     });
 }

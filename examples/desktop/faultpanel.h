@@ -12,6 +12,7 @@ class Notice;
 class QComboBox;
 class QLabel;
 class QPushButton;
+struct Service;
 
 // For developers: lets the sandbox make go wrong what the window is to cope with.
 class FaultPanel : public QDockWidget
@@ -19,8 +20,7 @@ class FaultPanel : public QDockWidget
     Q_OBJECT
 
 public:
-    // The address of a sandbox.
-    explicit FaultPanel(const QUrl &sandbox, QWidget *parent = nullptr);
+    explicit FaultPanel(const Service &sandbox, QWidget *parent = nullptr);
 
 private:
     void fetchScenarios();

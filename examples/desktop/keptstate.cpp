@@ -9,7 +9,8 @@ const auto planKey = u"pending_purchase/plan"_s;
 const auto pendingLicenseKey = u"pending_purchase/license_key"_s;
 const auto orderKey = u"pending_purchase/order_id"_s;
 const auto approvalKey = u"pending_purchase/approval_url"_s;
-const auto licenseKeyKey = u"license/key"_s;
+const auto mayBePaidKey = u"pending_purchase/may_be_paid"_s;
+const auto licenseKeysKey = u"license/keys"_s;
 const auto machineIdKey = u"usage/machine_id"_s;
 
 } // namespace
@@ -24,39 +25,47 @@ QString KeptState::file() const
     return m_settings.fileName();
 }
 
+bool KeptState::isWritten() const
+{
+    return m_isWritten;
+}
+
 std::optional<PendingPurchase> KeptState::pendingPurchase() const
 {
     if (!m_settings.contains(orderKey))
         return {};
     return PendingPurchase{
         m_settings.value(planKey).toString(), m_settings.value(pendingLicenseKey).toString(),
-        m_settings.value(orderKey).toString(), m_settings.value(approvalKey).toString()};
+        m_settings.value(orderKey).toString(), m_settings.value(approvalKey).toString(),
+        m_settings.value(mayBePaidKey).toBool()};
 }
 
-bool KeptState::setPendingPurchase(const PendingPurchase &purchase)
+void KeptState::setPendingPurchase(const PendingPurchase &purchase)
 {
     m_settings.setValue(planKey, purchase.plan);
     m_settings.setValue(pendingLicenseKey, purchase.licenseKey);
     m_settings.setValue(orderKey, purchase.orderId);
     m_settings.setValue(approvalKey, purchase.approvalUrl);
-    return write();
+    m_settings.setValue(mayBePaidKey, purchase.mayBePaid);
+    write();
 }
 
-bool KeptState::forgetPendingPurchase()
+void KeptState::forgetPendingPurchase()
 {
     m_settings.remove(pendingGroup);
-    return write();
+    write();
 }
 
-QString KeptState::licenseKey() const
+QStringList KeptState::licenseKeys() const
 {
-    return m_settings.value(licenseKeyKey).toString();
+    return m_settings.value(licenseKeysKey).toStringList();
 }
 
-bool KeptState::setPaid(const QString &licenseKey)
+void KeptState::setPaid(const QString &licenseKey)
 {
-    m_settings.setValue(licenseKeyKey, licenseKey);
-    return forgetPendingPurchase();
+    if (!licenseKey.isEmpty())
+        m_settings.setValue(licenseKeysKey, licenseKeys() << licenseKey);
+    forgetPendingPurchase();
 }
 
 QString KeptState::machineId() const
@@ -64,17 +73,20 @@ QString KeptState::machineId() const
     return m_settings.value(machineIdKey).toString();
 }
 
-bool KeptState::setMachineId(const QString &id)
+void KeptState::setMachineId(const QString &id)
 {
     if (id.isEmpty())
         m_settings.remove(machineIdKey);
     else
         m_settings.setValue(machineIdKey, id);
-    return write();
+    write();
 }
 
-bool KeptState::write()
+void KeptState::write()
 {
-    m_settings.sync();
-    return m_settings.status() == QSettings::NoError;
+    // A new one, for the same file and the same content: the status is that of the first error
+    // ever.
+    QSettings settings(m_settings.fileName(), QSettings::IniFormat);
+    settings.sync();
+    m_isWritten = settings.status() == QSettings::NoError;
 }

@@ -2,7 +2,7 @@
 #define KEPTSTATE_H
 
 #include <QtCore/qsettings.h>
-#include <QtCore/qstring.h>
+#include <QtCore/qstringlist.h>
 
 #include <optional>
 
@@ -13,34 +13,39 @@ struct PendingPurchase
     QString licenseKey;
     QString orderId;
     QString approvalUrl;
+    // A capture was tried, and the service has not said that the payment was not taken.
+    bool mayBePaid = false;
 };
 
-// What this application keeps on disk, as the library keeps nothing: one file, written at once. The
-// setters return false if it cannot be written; then it is kept until the application is closed.
+// What this application keeps on disk, as the library keeps nothing: one file, written at once.
 class KeptState
 {
 public:
     explicit KeptState(const QString &file);
 
     QString file() const;
+    // False if the file could not be written the last time; then all of this ends with the
+    // application.
+    bool isWritten() const;
 
     std::optional<PendingPurchase> pendingPurchase() const;
-    bool setPendingPurchase(const PendingPurchase &purchase);
-    bool forgetPendingPurchase();
-    // Of the last purchase that was paid.
-    QString licenseKey() const;
-    // The purchase is not pending any more.
-    bool setPaid(const QString &licenseKey);
+    void setPendingPurchase(const PendingPurchase &purchase);
+    void forgetPendingPurchase();
+    // Of all purchases that were paid, the last one last.
+    QStringList licenseKeys() const;
+    // The purchase is not pending any more. An empty key adds none.
+    void setPaid(const QString &licenseKey);
 
     // The machine's id for usage events; none while the user does not want to send any.
     QString machineId() const;
     // Empty takes it out.
-    bool setMachineId(const QString &id);
+    void setMachineId(const QString &id);
 
 private:
-    bool write();
+    void write();
 
     QSettings m_settings;
+    bool m_isWritten = true;
 };
 
 #endif // KEPTSTATE_H

@@ -7,42 +7,47 @@
 #include "usagepage.h"
 
 #include <QtCore/qcoreevent.h>
+#include <QtGui/qscreen.h>
 #include <QtWidgets/qlabel.h>
+#include <QtWidgets/qscrollarea.h>
 #include <QtWidgets/qstatusbar.h>
 #include <QtWidgets/qtabwidget.h>
 
 using namespace Qt::StringLiterals;
 
+namespace {
+
+constexpr int purchaseTab = 1;
+
+} // namespace
+
 MainWindow::MainWindow(DesktopHost *host, bool withFaults)
     : m_host(host)
     , m_tabs(new QTabWidget(this))
-    , m_purchasePage(new PurchasePage(&host->plans, &host->purchase, this))
 {
     const Service &service = host->updates.service();
     setWindowTitle(u"Applicazione d'esempio"_s);
-    auto *usagePage = new UsagePage(&host->usage, this);
-    m_tabs->addTab(new UpdatesPage(&host->updates, this), u"Aggio&rnamenti"_s);
-    m_tabs->addTab(m_purchasePage, u"Ac&quisto"_s);
-    m_tabs->addTab(usagePage, u"&Utilizzo"_s);
+    addPage(new UpdatesPage(&host->updates, this), u"Aggio&rnamenti"_s);
+    addPage(new PurchasePage(&host->plans, &host->purchase, this), u"Ac&quisto"_s);
+    addPage(new UsagePage(&host->usage, this), u"&Utilizzo"_s);
     setCentralWidget(m_tabs);
     // In letters, whatever the font and the screen.
-    resize(fontMetrics().averageCharWidth() * (withFaults ? 150 : 110),
-           fontMetrics().lineSpacing() * 38);
+    const QSize size(fontMetrics().averageCharWidth() * (withFaults ? 150 : 110),
+                     fontMetrics().lineSpacing() * 38);
+    resize(size.boundedTo(screen()->availableSize()));
     statusBar()->addWidget(makeLabel(this,
                                      u"Servizio: %1. Prodotto: %2."_s.arg(
                                          service.url.toDisplayString(), service.productCode)),
                            1);
     if (withFaults)
-        addDockWidget(Qt::RightDockWidgetArea, new FaultPanel(service.url, this));
+        addDockWidget(Qt::RightDockWidgetArea, new FaultPanel(service, this));
 
     connect(m_tabs, &QTabWidget::currentChanged, this, &MainWindow::fetchPlans);
-    // The licence is a part of what is sent.
-    connect(&host->purchase, &Purchase::changed, usagePage, &UsagePage::showState);
 
     host->updates.check();
     host->usage.send();
     if (host->purchase.pending())
-        m_tabs->setCurrentWidget(m_purchasePage);
+        m_tabs->setCurrentIndex(purchaseTab);
 }
 
 // The buyer comes back from the browser.
@@ -54,9 +59,20 @@ void MainWindow::changeEvent(QEvent *event)
         m_host->purchase.capture();
 }
 
-// Once they are to be seen.
+// On a small screen, or in large letters, a page is scrolled.
+void MainWindow::addPage(QWidget *page, const QString &title)
+{
+    auto *area = new QScrollArea(this);
+    area->setFrameShape(QFrame::NoFrame);
+    area->setWidgetResizable(true);
+    area->setFocusPolicy(Qt::NoFocus);
+    area->setWidget(page);
+    m_tabs->addTab(area, title);
+}
+
+// When they are first looked at.
 void MainWindow::fetchPlans()
 {
-    if (m_tabs->currentWidget() == m_purchasePage)
+    if (m_tabs->currentIndex() == purchaseTab && m_host->plans.plans().isEmpty())
         m_host->plans.fetch();
 }

@@ -4,7 +4,6 @@
 #include <QtWidgets/qmainwindow.h>
 
 class DesktopHost;
-class PurchasePage;
 class QTabWidget;
 
 class MainWindow : public QMainWindow
@@ -19,11 +18,11 @@ protected:
     void changeEvent(QEvent *event) override;
 
 private:
+    void addPage(QWidget *page, const QString &title);
     void fetchPlans();
 
     DesktopHost *m_host;
     QTabWidget *m_tabs;
-    PurchasePage *m_purchasePage;
 };
 
 #endif // MAINWINDOW_H

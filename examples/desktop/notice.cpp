@@ -19,31 +19,26 @@ Notice::Notice(QWidget *parent)
     hide();
 }
 
-void Notice::tell(Kind kind, const QString &text)
+void Notice::tell(const Message &message)
 {
+    const bool isNews = message.text != m_text->text();
+    m_text->setText(message.text);
+    setVisible(!message.text.isEmpty());
+    if (message.text.isEmpty())
+        return;
+    // In the order of Message::Kind.
     static constexpr std::array symbols = {QStyle::SP_MessageBoxInformation,
                                            QStyle::SP_DialogApplyButton,
                                            QStyle::SP_MessageBoxWarning};
     const int size = style()->pixelMetric(QStyle::PM_SmallIconSize, nullptr, this);
     m_symbol->setPixmap(style()
-                            ->standardIcon(symbols.at(kind), nullptr, this)
+                            ->standardIcon(symbols.at(message.kind), nullptr, this)
                             .pixmap(QSize(size, size), devicePixelRatioF()));
-    m_text->setText(text);
-    show();
+    if (!isNews)
+        return;
     // Read out without the focus going anywhere.
     QAccessibleEvent alert(m_text, QAccessible::Alert);
     QAccessible::updateAccessibility(&alert);
-}
-
-void Notice::clear()
-{
-    m_text->clear();
-    hide();
-}
-
-QString Notice::text() const
-{
-    return m_text->text();
 }
 
 QLabel *makeLabel(QWidget *parent, const QString &text)

@@ -1,31 +1,30 @@
 #ifndef NOTICE_H
 #define NOTICE_H
 
+#include "caller.h"
+
 #include <QtWidgets/qwidget.h>
 
 class QLabel;
 
 // A line that tells the user how something went, with a symbol; nothing while there is nothing to
-// tell. Texts that come from the service are shown as they stand, never as rich text.
+// tell.
 class Notice : public QWidget
 {
     Q_OBJECT
 
 public:
-    enum Kind { Information, Success, Warning };
-
     explicit Notice(QWidget *parent = nullptr);
 
-    void tell(Kind kind, const QString &text);
-    void clear();
-    QString text() const;
+    void tell(const Message &message);
 
 private:
     QLabel *m_symbol;
     QLabel *m_text;
 };
 
-// A label that wraps its text and can be copied from.
+// A label that wraps its text and can be copied from. It shows texts as they stand: they may come
+// from the service, and must not be taken for rich text.
 QLabel *makeLabel(QWidget *parent, const QString &text = {});
 
 #endif // NOTICE_H

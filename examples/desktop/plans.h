@@ -3,9 +3,7 @@
 
 #include "caller.h"
 
-class QJsonArray;
-
-// Asks for the plans on offer.
+// The plans on offer.
 class Plans : public Caller
 {
     Q_OBJECT
@@ -13,19 +11,19 @@ class Plans : public Caller
 public:
     explicit Plans(const Service &service, QObject *parent = nullptr);
 
-    void fetch();
-    void cancel();
+    // As they came last.
+    const QJsonArray &plans() const;
 
-Q_SIGNALS:
-    void begun();
-    // One of these ends it.
-    void received(const QJsonArray &plans);
-    void failed(const QString &message);
-    void cancelled();
+    void fetch();
 
 protected:
     void connectResults(Corvane *client) override;
     void handleFailure(const QString &message) override;
+
+private:
+    void takePlans(const QJsonArray &plans);
+
+    QJsonArray m_plans;
 };
 
 #endif // PLANS_H

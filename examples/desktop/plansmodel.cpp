@@ -17,12 +17,12 @@ constexpr auto currencyMember = "currency"_L1;
 // Says nothing to the user.
 constexpr auto productMember = "product_code"_L1;
 
-// Of any type; a text without its quotes.
+// Of any type; a text without its quotes, and nothing of a member that is not there.
 QString textOf(const QJsonValue &value)
 {
     if (value.isString())
         return value.toString();
-    if (value.isUndefined())
+    if (value.isUndefined() || value.isNull())
         return {};
     const QByteArray json = QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact);
     return QString::fromUtf8(json.sliced(1, json.size() - 2));
@@ -31,7 +31,7 @@ QString textOf(const QJsonValue &value)
 QString nameOf(const QJsonValue &plan)
 {
     if (!plan.isObject())
-        return textOf(plan);
+        return plan.isNull() ? u"null"_s : textOf(plan);
     const QString name = textOf(plan[nameMember]);
     return name.isEmpty() ? textOf(plan[codeMember]) : name;
 }
@@ -50,6 +50,11 @@ QString othersOf(const QJsonValue &plan)
 
 } // namespace
 
+const QJsonArray &PlansModel::plans() const
+{
+    return m_plans;
+}
+
 void PlansModel::setPlans(const QJsonArray &plans)
 {
     beginResetModel();
@@ -65,7 +70,7 @@ bool PlansModel::hasOthers() const
 
 QString PlansModel::planCode(const QModelIndex &index) const
 {
-    return m_plans.at(index.row())[codeMember].toString();
+    return m_plans.at(index.row())[codeMember].toString().trimmed();
 }
 
 int PlansModel::rowCount(const QModelIndex &parent) const
@@ -80,19 +85,12 @@ int PlansModel::columnCount(const QModelIndex &parent) const
 
 QVariant PlansModel::data(const QModelIndex &index, int role) const
 {
-    if (role != Qt::DisplayRole && role != Qt::AccessibleTextRole)
-        return {};
-    const QJsonValue plan = m_plans.at(index.row());
-    switch (index.column()) {
-    case Name:
-        return nameOf(plan);
-    case Description:
-        return textOf(plan[descriptionMember]);
-    case Price:
-        return u"%1 %2"_s.arg(textOf(plan[priceMember]), textOf(plan[currencyMember])).trimmed();
-    default:
-        return othersOf(plan);
-    }
+    if (role == Qt::DisplayRole || role == Qt::AccessibleTextRole)
+        return text(index);
+    // Where there is no room. A tool tip would take the service's text for rich text.
+    if (role == Qt::ToolTipRole)
+        return text(index).toHtmlEscaped();
+    return {};
 }
 
 QVariant PlansModel::headerData(int section, Qt::Orientation orientation, int role) const
@@ -106,6 +104,20 @@ QVariant PlansModel::headerData(int section, Qt::Orientation orientation, int ro
 Qt::ItemFlags PlansModel::flags(const QModelIndex &index) const
 {
     const Qt::ItemFlags flags = QAbstractTableModel::flags(index);
-    return planCode(index).trimmed().isEmpty() ? flags & ~Qt::ItemIsSelectable & ~Qt::ItemIsEnabled
-                                               : flags;
+    return planCode(index).isEmpty() ? flags & ~Qt::ItemIsSelectable & ~Qt::ItemIsEnabled : flags;
+}
+
+QString PlansModel::text(const QModelIndex &index) const
+{
+    const QJsonValue plan = m_plans.at(index.row());
+    switch (index.column()) {
+    case Name:
+        return nameOf(plan);
+    case Description:
+        return textOf(plan[descriptionMember]);
+    case Price:
+        return u"%1 %2"_s.arg(textOf(plan[priceMember]), textOf(plan[currencyMember])).trimmed();
+    default:
+        return othersOf(plan);
+    }
 }

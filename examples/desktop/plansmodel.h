@@ -15,6 +15,7 @@ public:
 
     using QAbstractTableModel::QAbstractTableModel;
 
+    const QJsonArray &plans() const;
     void setPlans(const QJsonArray &plans);
     // Whether any plan has members that are not known.
     bool hasOthers() const;
@@ -29,6 +30,8 @@ public:
     Qt::ItemFlags flags(const QModelIndex &index) const override;
 
 private:
+    QString text(const QModelIndex &index) const;
+
     QJsonArray m_plans;
 };
 

@@ -4,17 +4,6 @@
 
 using namespace Qt::StringLiterals;
 
-namespace {
-
-// The page is opened by whatever program the system has for the address: nothing but a web page.
-QUrl approvalPage(const PendingPurchase &purchase)
-{
-    const QUrl url(purchase.approvalUrl, QUrl::StrictMode);
-    return url.scheme() == "https"_L1 || url.scheme() == "http"_L1 ? url : QUrl();
-}
-
-} // namespace
-
 Purchase::Purchase(const Service &service, KeptState *state, QObject *parent)
     : Caller(service, parent)
     , m_state(state)
@@ -26,14 +15,19 @@ std::optional<PendingPurchase> Purchase::pending() const
     return m_state->pendingPurchase();
 }
 
-QString Purchase::licenseKey() const
+QStringList Purchase::licenseKeys() const
 {
-    return m_state->licenseKey();
+    return m_state->licenseKeys();
 }
 
 QString Purchase::stateFile() const
 {
     return m_state->file();
+}
+
+bool Purchase::isKept() const
+{
+    return m_state->isWritten();
 }
 
 bool Purchase::isApprovalExpected() const
@@ -45,58 +39,65 @@ void Purchase::start(const QString &planCode, const Buyer &buyer)
 {
     if (isCalling() || pending())
         return;
-    m_plan = planCode;
-    beginStep(Step::Start)
+    begin(Step::Start, {planCode, {}, {}, {}})
         ->startPayPalPurchase(planCode, buyer.firstName, buyer.lastName, buyer.email);
 }
 
 void Purchase::openApprovalPage()
 {
-    if (!pending())
+    const std::optional<PendingPurchase> purchase = pending();
+    if (!purchase || purchase->mayBePaid)
         return;
-    const QUrl page = approvalPage(*pending());
+    const QUrl page = webUrl(purchase->approvalUrl);
     if (!page.isValid()) {
-        Q_EMIT told(Notice::Warning,
-                    u"Il servizio non ha indicato una pagina di pagamento: riprendi l'acquisto."_s);
+        tell(Message::Warning,
+             u"Il servizio non ha indicato una pagina di pagamento valida: premi «Riprendi»."_s);
         return;
     }
     m_isApprovalExpected = true;
     Q_EMIT approvalNeeded(page);
 }
 
-void Purchase::capture()
-{
-    if (isCalling() || !pending())
-        return;
-    m_isApprovalExpected = false;
-    const QString orderId = pending()->orderId;
-    beginStep(Step::Capture)->capturePayPalPurchase(orderId);
-}
-
 void Purchase::resume()
 {
-    if (isCalling() || !pending())
+    const std::optional<PendingPurchase> purchase = pending();
+    if (isCalling() || !purchase || purchase->mayBePaid)
         return;
-    const QString key = pending()->licenseKey;
-    beginStep(Step::Resume)->resumePayPalPurchase(key);
+    begin(Step::Resume, *purchase)->resumePayPalPurchase(purchase->licenseKey);
+}
+
+void Purchase::capture()
+{
+    std::optional<PendingPurchase> purchase = pending();
+    if (isCalling() || !purchase)
+        return;
+    m_isApprovalExpected = false;
+    // Written down first, whatever becomes of the call or of this application.
+    purchase->mayBePaid = true;
+    m_state->setPendingPurchase(*purchase);
+    begin(Step::Capture, *purchase)->capturePayPalPurchase(purchase->orderId);
 }
 
 void Purchase::abandon()
 {
-    if (isCalling() || !pending())
+    const std::optional<PendingPurchase> purchase = pending();
+    if (isCalling() || !purchase)
         return;
+    if (purchase->mayBePaid && !std::exchange(m_isAbandonWarned, true)) {
+        tell(
+            Message::Warning,
+            u"Il pagamento potrebbe essere avvenuto: premi «Completa l'acquisto». Per abbandonarlo "
+            "lo stesso, premi di nuovo «Abbandona»."_s);
+        return;
+    }
     m_isApprovalExpected = false;
+    m_isAbandonWarned = false;
     m_state->forgetPendingPurchase();
-    Q_EMIT changed();
-    Q_EMIT told(Notice::Information, u"Acquisto abbandonato: non viene addebitato nulla."_s);
-}
-
-void Purchase::cancel()
-{
-    if (!isCalling())
-        return;
-    giveUp();
-    handleFailure(u"Richiesta interrotta."_s);
+    // Nothing is lost to a user who has paid after all.
+    tell(
+        Message::Information,
+        u"Acquisto abbandonato: un ordine non completato non viene addebitato. L'ordine era %1, la "
+        "chiave di licenza %2."_s.arg(purchase->orderId, purchase->licenseKey));
 }
 
 void Purchase::connectResults(Corvane *client)
@@ -105,83 +106,70 @@ void Purchase::connectResults(Corvane *client)
     connect(client, &Corvane::purchaseCaptured, this, &Purchase::takeCaptured);
 }
 
+// The service may have acted all the same. What is pending stays, so nothing is lost.
 void Purchase::handleFailure(const QString &message)
 {
-    const Step step = std::exchange(m_step, Step::None);
-    Q_EMIT changed();
-    // The service may have acted all the same. What is pending stays, so nothing is lost.
-    Q_EMIT told(
-        Notice::Warning,
-        message + u' '
-            + (step == Step::Capture
-                   ? u"Il pagamento potrebbe essere avvenuto: completa di nuovo, non pagherai "
-                     "due volte."_s
-                   : u"Non viene addebitato nulla senza la tua approvazione: riprova."_s));
+    QString hint = u"Riprova."_s;
+    if (m_step == Step::Start)
+        hint = u"Non viene addebitato nulla senza la tua approvazione: riprova."_s;
+    else if (m_step == Step::Capture)
+        hint = u"Il pagamento potrebbe essere avvenuto: premi di nuovo «Completa l'acquisto», non "
+               "pagherai due volte."_s;
+    tell(Message::Warning, message + u' ' + hint);
 }
 
-Corvane *Purchase::beginStep(Step step)
+Corvane *Purchase::begin(Step step, const PendingPurchase &purchase)
 {
-    Corvane *client = begin(service().callTimeout);
+    Corvane *client = Caller::begin(service().callTimeout);
     m_step = step;
-    Q_EMIT changed();
+    m_purchase = purchase;
+    m_isAbandonWarned = false;
+    tell(Message::Information, {});
     return client;
 }
 
-void Purchase::takeStarted(const PurchaseStartInfo &purchase)
+void Purchase::takeStarted(const PurchaseStartInfo &answer)
 {
     end();
-    const Step step = std::exchange(m_step, Step::None);
-    if (!purchase.success) {
-        Q_EMIT changed();
-        tellRefusal(purchase.message, !purchase.raw.isEmpty());
+    if (!answer.success && !answer.raw.isEmpty()) {
+        tell(Message::Warning, answer.message);
         return;
     }
-    PendingPurchase kept = step == Step::Resume ? *pending() : PendingPurchase{m_plan, {}, {}, {}};
-    kept.orderId = purchase.paypalOrderId;
-    kept.approvalUrl = purchase.approvalUrl;
+    PendingPurchase purchase = m_purchase;
     // The answer to a resume may do without.
-    if (!purchase.licenseKey.isEmpty())
-        kept.licenseKey = purchase.licenseKey;
-    const bool isKept = m_state->setPendingPurchase(kept);
-    Q_EMIT changed();
-    if (isKept)
-        Q_EMIT told(Notice::Information, purchase.message);
-    else
-        Q_EMIT told(
-            Notice::Warning,
-            purchase.message + u' '
-                + u"Completa l'acquisto prima di chiudere: %1 non può essere scritto."_s.arg(
-                    stateFile()));
+    if (!answer.paypalOrderId.isEmpty())
+        purchase.orderId = answer.paypalOrderId;
+    if (!answer.licenseKey.isEmpty())
+        purchase.licenseKey = answer.licenseKey;
+    if (!answer.approvalUrl.isEmpty() || purchase.orderId != m_purchase.orderId)
+        purchase.approvalUrl = answer.approvalUrl;
+    // A page say, or half of an answer.
+    if (!answer.success || purchase.orderId.isEmpty()) {
+        handleFailure(answer.message + u" La risposta del servizio non era leggibile."_s);
+        return;
+    }
+    m_state->setPendingPurchase(purchase);
+    tell(Message::Information, u"%1 %2"_s.arg(answer.message, remarkIn(answer.raw)).trimmed());
     openApprovalPage();
 }
 
-void Purchase::takeCaptured(const PurchaseCaptureInfo &capture)
+void Purchase::takeCaptured(const PurchaseCaptureInfo &answer)
 {
     end();
-    m_step = Step::None;
-    if (!capture.paid) {
-        Q_EMIT changed();
-        tellRefusal(capture.message, !capture.raw.isEmpty());
+    if (answer.paid) {
+        // The service may send the key anew.
+        const QString key = answer.raw.value("license_key"_L1).toString();
+        m_state->setPaid(key.isEmpty() ? m_purchase.licenseKey : key);
+        tell(Message::Success, u"%1 %2"_s.arg(answer.message, remarkIn(answer.raw)).trimmed());
         return;
     }
-    // The service may send the key anew.
-    const QString key = capture.raw.value("license_key"_L1).toString(pending()->licenseKey);
-    const bool isKept = m_state->setPaid(key);
-    Q_EMIT changed();
-    if (isKept)
-        Q_EMIT told(Notice::Success, capture.message);
-    else
-        Q_EMIT told(
-            Notice::Warning,
-            capture.message + u' '
-                + u"Annota la chiave di licenza: %1 non può essere scritto."_s.arg(stateFile()));
-}
-
-// A reply that could not be read, a page say or half of an answer, refuses nothing.
-void Purchase::tellRefusal(const QString &message, bool isReadable)
-{
-    Q_EMIT told(Notice::Warning,
-                isReadable
-                    ? message
-                    : message + u' ' + u"La risposta del servizio non era leggibile: riprova."_s);
+    // Only a service that says so has not taken the payment; an error, or half of an answer, does
+    // not say so.
+    if (!answer.raw.value("paid"_L1).isBool()) {
+        handleFailure(answer.message);
+        return;
+    }
+    m_purchase.mayBePaid = false;
+    m_state->setPendingPurchase(m_purchase);
+    tell(Message::Warning, answer.message);
 }

@@ -3,7 +3,6 @@
 
 #include "caller.h"
 #include "keptstate.h"
-#include "notice.h"
 
 struct Buyer
 {
@@ -24,26 +23,25 @@ public:
 
     // A purchase that was started and neither paid nor abandoned.
     std::optional<PendingPurchase> pending() const;
-    // Empty before anything was paid.
-    QString licenseKey() const;
+    // Of all that was paid.
+    QStringList licenseKeys() const;
     QString stateFile() const;
-    // The buyer was sent to the approval page, and no capture has been tried since.
+    // False if the file could not be written, and all of this ends with the application.
+    bool isKept() const;
+    // The buyer was asked to approve, and no capture has been tried since.
     bool isApprovalExpected() const;
 
     // Only while no purchase is pending.
     void start(const QString &planCode, const Buyer &buyer);
-    // These need a pending purchase.
+    // Only while one is, and no payment may have been taken.
     void openApprovalPage();
-    void capture();
     void resume();
-    // Nothing is charged for an order that is not captured.
+    // Only while one is. Nothing is charged for an order that is not captured; if the payment may
+    // have been taken, the user has to insist.
+    void capture();
     void abandon();
-    void cancel();
 
 Q_SIGNALS:
-    // What is pending, the licence, or whether a call is under way.
-    void changed();
-    void told(Notice::Kind kind, const QString &text);
     // To be opened in a browser.
     void approvalNeeded(const QUrl &page);
 
@@ -52,20 +50,20 @@ protected:
     void handleFailure(const QString &message) override;
 
 private:
-    enum class Step { None, Start, Resume, Capture };
+    enum class Step { Start, Resume, Capture };
 
-    Corvane *beginStep(Step step);
-    void takeStarted(const PurchaseStartInfo &purchase);
-    void takeCaptured(const PurchaseCaptureInfo &capture);
-    void tellRefusal(const QString &message, bool isReadable);
+    Corvane *begin(Step step, const PendingPurchase &purchase);
+    void takeStarted(const PurchaseStartInfo &answer);
+    void takeCaptured(const PurchaseCaptureInfo &answer);
 
     KeptState *m_state;
     // Of the call under way. A start and a resume are answered by the same signal, and any failure
     // by one that names no call.
-    Step m_step = Step::None;
-    // Of a start under way.
-    QString m_plan;
+    Step m_step = Step::Start;
+    // What it is about: of a start, the plan alone.
+    PendingPurchase m_purchase;
     bool m_isApprovalExpected = false;
+    bool m_isAbandonWarned = false;
 };
 
 #endif // PURCHASE_H

@@ -33,6 +33,9 @@ PurchasePage::PurchasePage(Plans *plans, Purchase *purchase, QWidget *parent)
     : QWidget(parent)
     , m_plans(plans)
     , m_purchase(purchase)
+    , m_unwritten(new Notice(this))
+    , m_licenceRow(new QWidget(this))
+    , m_licence(new QLineEdit(m_licenceRow))
     , m_model(new PlansModel(this))
     , m_table(new QTableView(this))
     , m_plansNotice(new Notice(this))
@@ -49,16 +52,17 @@ PurchasePage::PurchasePage(Plans *plans, Purchase *purchase, QWidget *parent)
     , m_capture(new QPushButton(u"Comple&ta l'acquisto"_s, m_pending))
     , m_resume(new QPushButton(u"R&iprendi"_s, m_pending))
     , m_abandon(new QPushButton(u"A&bbandona"_s, m_pending))
-    , m_licence(makeLabel(this))
     , m_busy(new BusyRow(u"Richiesta in corso"_s, this))
     , m_notice(new Notice(this))
 {
     setObjectName(u"purchase"_s);
+    makeLicence();
     makePlans();
     makeForm();
     makePending();
     auto *layout = new QVBoxLayout(this);
-    layout->addWidget(m_licence);
+    layout->addWidget(m_unwritten);
+    layout->addWidget(m_licenceRow);
     layout->addWidget(m_table, 1);
     layout->addWidget(m_plansNotice);
     layout->addWidget(m_fetch, 0, Qt::AlignLeft);
@@ -67,12 +71,22 @@ PurchasePage::PurchasePage(Plans *plans, Purchase *purchase, QWidget *parent)
     layout->addWidget(m_busy);
     layout->addWidget(m_notice);
 
-    connect(m_busy, &BusyRow::cancelled, m_plans, &Plans::cancel);
-    connect(m_busy, &BusyRow::cancelled, m_purchase, &Purchase::cancel);
+    connect(m_busy, &BusyRow::cancelled, this, &PurchasePage::cancel);
     connect(m_purchase, &Purchase::changed, this, &PurchasePage::showPurchase);
-    connect(m_purchase, &Purchase::told, m_notice, &Notice::tell);
     connect(m_purchase, &Purchase::approvalNeeded, this, &PurchasePage::openPage);
     showPurchase();
+}
+
+void PurchasePage::makeLicence()
+{
+    m_unwritten->tell(
+        {Message::Warning,
+         u"%1 non può essere scritto: completa l'acquisto prima di chiudere, e annota "
+         "la chiave di licenza."_s.arg(m_purchase->stateFile())});
+    m_licence->setReadOnly(true);
+    auto *layout = new QFormLayout(m_licenceRow);
+    layout->setContentsMargins({});
+    layout->addRow(u"Chia&ve di licenza"_s, m_licence);
 }
 
 void PurchasePage::makePlans()
@@ -91,14 +105,7 @@ void PurchasePage::makePlans()
     columns->setStretchLastSection(true);
 
     connect(m_fetch, &QPushButton::clicked, m_plans, &Plans::fetch);
-    connect(m_plans, &Plans::begun, this, &PurchasePage::setBusy);
-    connect(m_plans, &Plans::received, this, &PurchasePage::showPlans);
-    // The plans that are there may still be on offer.
-    connect(m_plans, &Plans::failed, this, [this](const QString &message) {
-        setBusy();
-        m_plansNotice->tell(Notice::Warning, u"Piani non ricevuti. "_s + message);
-    });
-    connect(m_plans, &Plans::cancelled, this, &PurchasePage::setBusy);
+    connect(m_plans, &Plans::changed, this, &PurchasePage::showPlans);
 }
 
 void PurchasePage::makeForm()
@@ -115,6 +122,8 @@ void PurchasePage::makeForm()
 
 void PurchasePage::makePending()
 {
+    m_pendingText->setTextInteractionFlags(Qt::TextSelectableByMouse
+                                           | Qt::TextSelectableByKeyboard);
     m_approvalUrl->setReadOnly(true);
     m_approvalUrl->setAccessibleName(u"Indirizzo della pagina di pagamento"_s);
     auto *buttons = new QHBoxLayout;
@@ -131,29 +140,39 @@ void PurchasePage::makePending()
     connect(m_abandon, &QPushButton::clicked, m_purchase, &Purchase::abandon);
 }
 
-void PurchasePage::setBusy()
+// One at a time: whoever stops the payment does not mean the plans.
+void PurchasePage::cancel()
+{
+    if (m_purchase->isCalling())
+        m_purchase->cancel();
+    else
+        m_plans->cancel();
+}
+
+void PurchasePage::showBusy()
 {
     const bool isPurchasing = m_purchase->isCalling();
     const bool isBusy = isPurchasing || m_plans->isCalling();
-    if (isBusy)
-        m_busy->begin();
-    m_fetch->setEnabled(!m_plans->isCalling());
-    m_form->setEnabled(!isPurchasing && !m_purchase->pending());
-    m_pending->setEnabled(!isPurchasing);
-    if (!isBusy)
-        m_busy->end();
+    const std::optional<PendingPurchase> pending = m_purchase->pending();
+    m_busy->follow(isBusy, isBusy, [&] {
+        m_fetch->setEnabled(!isBusy);
+        m_form->setEnabled(!isPurchasing);
+        m_pending->setEnabled(!isPurchasing);
+        // Whoever may have paid is not asked to pay again.
+        m_open->setEnabled(pending && !pending->mayBePaid);
+        m_resume->setEnabled(pending && !pending->mayBePaid);
+    });
 }
 
-void PurchasePage::showPlans(const QJsonArray &plans)
+void PurchasePage::showPlans()
 {
-    setBusy();
-    m_model->setPlans(plans);
+    showBusy();
+    m_plansNotice->tell(m_plans->message());
+    // Otherwise the choice stays.
+    if (m_plans->plans() == m_model->plans())
+        return;
+    m_model->setPlans(m_plans->plans());
     m_table->setColumnHidden(PlansModel::Others, !m_model->hasOthers());
-    if (plans.isEmpty())
-        // A page of somebody else's instead of the service's answer looks the same.
-        m_plansNotice->tell(Notice::Warning, u"Il servizio non ha indicato alcun piano."_s);
-    else
-        m_plansNotice->clear();
 }
 
 void PurchasePage::showPurchase()
@@ -162,16 +181,30 @@ void PurchasePage::showPurchase()
     m_form->setVisible(!pending);
     m_pending->setVisible(pending.has_value());
     if (pending) {
-        m_pendingText->setText(
-            u"Piano %1, ordine %2. Approva il pagamento nel browser, poi torna qui. "
-            "Per riprendere l'acquisto dopo la chiusura, questi dati restano in %3."_s.arg(
-                pending->plan, pending->orderId, m_purchase->stateFile()));
+        m_pendingText->setText(describe(*pending));
         m_approvalUrl->setText(pending->approvalUrl);
         m_approvalUrl->setCursorPosition(0);
     }
-    m_licence->setText(u"Chiave di licenza: "_s + m_purchase->licenseKey());
-    m_licence->setVisible(!m_purchase->licenseKey().isEmpty());
-    setBusy();
+    m_licence->setText(m_purchase->licenseKeys().join(u", "_s));
+    m_licenceRow->setVisible(!m_purchase->licenseKeys().isEmpty());
+    m_unwritten->setVisible(!m_purchase->isKept());
+    showBusy();
+    m_notice->tell(m_purchase->message());
+}
+
+QString PurchasePage::describe(const PendingPurchase &purchase) const
+{
+    const QString what = u"Piano %1, ordine %2, chiave di licenza %3."_s.arg(
+        purchase.plan, purchase.orderId, purchase.licenseKey);
+    const QString next = purchase.mayBePaid
+        ? u"Il pagamento potrebbe essere avvenuto: premi «Completa l'acquisto»."_s
+        : u"Approva il pagamento nel browser e torna qui; se l'acquisto non si completa da sé, "
+          u"premi "
+          "«Completa l'acquisto»."_s;
+    const QString where = m_purchase->isKept()
+        ? u"Questi dati restano in %1, anche dopo la chiusura."_s.arg(m_purchase->stateFile())
+        : QString();
+    return u"%1 %2 %3"_s.arg(what, next, where).trimmed();
 }
 
 void PurchasePage::buy()
@@ -183,7 +216,6 @@ void PurchasePage::buy()
                       u"Indica un indirizzo e-mail, per esempio ada@example.org."_s);
     if (!isComplete)
         return;
-    m_notice->clear();
     m_purchase->start(m_model->planCode(m_table->selectionModel()->selectedRows().constFirst()),
                       {m_firstName->text(), m_lastName->text(), m_email->text()});
 }
@@ -192,7 +224,7 @@ bool PurchasePage::checkPlan()
 {
     if (m_table->selectionModel()->hasSelection())
         return true;
-    m_notice->tell(Notice::Warning, u"Scegli un piano nell'elenco."_s);
+    m_notice->tell({Message::Warning, u"Scegli un piano nell'elenco."_s});
     m_table->setFocus();
     return false;
 }
@@ -201,7 +233,7 @@ bool PurchasePage::checkField(QLineEdit *field, bool isValid, const QString &pro
 {
     if (isValid)
         return true;
-    m_notice->tell(Notice::Warning, problem);
+    m_notice->tell({Message::Warning, problem});
     field->setFocus();
     return false;
 }
@@ -209,6 +241,6 @@ bool PurchasePage::checkField(QLineEdit *field, bool isValid, const QString &pro
 void PurchasePage::openPage(const QUrl &page)
 {
     if (!QDesktopServices::openUrl(page))
-        m_notice->tell(Notice::Warning,
-                       u"Impossibile aprire il browser: copia l'indirizzo della pagina."_s);
+        m_notice->tell({Message::Warning,
+                        u"Impossibile aprire il browser: copia l'indirizzo della pagina."_s});
 }

@@ -9,8 +9,8 @@ class BusyRow;
 class Plans;
 class PlansModel;
 class Purchase;
+struct PendingPurchase;
 class QGroupBox;
-class QJsonArray;
 class QLabel;
 class QLineEdit;
 class QPushButton;
@@ -26,12 +26,15 @@ public:
     PurchasePage(Plans *plans, Purchase *purchase, QWidget *parent = nullptr);
 
 private:
+    void makeLicence();
     void makePlans();
     void makeForm();
     void makePending();
-    void setBusy();
-    void showPlans(const QJsonArray &plans);
+    void cancel();
+    void showBusy();
+    void showPlans();
     void showPurchase();
+    QString describe(const PendingPurchase &purchase) const;
     void buy();
     bool checkPlan();
     bool checkField(QLineEdit *field, bool isValid, const QString &problem);
@@ -41,6 +44,10 @@ private:
     Purchase *m_purchase;
 
     // In the order of the Tab key.
+    Notice *m_unwritten;
+    QWidget *m_licenceRow;
+    QLineEdit *m_licence;
+
     PlansModel *m_model;
     QTableView *m_table;
     Notice *m_plansNotice;
@@ -60,7 +67,6 @@ private:
     QPushButton *m_resume;
     QPushButton *m_abandon;
 
-    QLabel *m_licence;
     BusyRow *m_busy;
     Notice *m_notice;
 };

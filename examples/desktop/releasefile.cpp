@@ -28,8 +28,13 @@ QByteArray sha256Of(const QString &path)
 
 QString problemOfMoving(const QString &path, const QString &sha256, const QString &destination)
 {
-    if (sha256Of(path) != sha256.toLower().toLatin1())
-        return u"Il file scaricato non è quello pubblicato: è stato eliminato."_s;
+    const QByteArray actual = sha256Of(path);
+    if (actual.isEmpty())
+        return u"Impossibile leggere il file scaricato."_s;
+    if (actual != sha256.toLower().toLatin1())
+        return u"Il file scaricato non è quello pubblicato, forse è arrivato incompleto o il disco "
+               u"è pieno: "
+               "è stato eliminato."_s;
     // QFile::rename() replaces no file that is there.
     std::error_code error;
     std::filesystem::rename(QFile(path).filesystemFileName(),

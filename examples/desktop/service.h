@@ -10,7 +10,6 @@
 struct Service
 {
     QUrl url;
-    // As the library sends it: trimmed and in upper case.
     QString productCode;
     QString installedVersion;
     QString channel;

@@ -16,13 +16,13 @@ class Updates : public Caller
 
 public:
     enum class State {
-        // Nothing is known: nothing was asked yet, or the user has stopped it.
+        // The user has stopped the check.
         Unknown,
         Checking,
-        UpToDate,
-        Available,
         CheckFailed,
-        // From here on, too, an update is available.
+        UpToDate,
+        // In these, an update is on offer.
+        Available,
         Downloading,
         Verifying,
         Downloaded,
@@ -37,20 +37,16 @@ public:
     bool isBusy() const;
     // What the last check found.
     const UpdateInfo &update() const;
-    // The number of the release on offer is lower than that of the installed version.
-    bool isDowngrade() const;
-    // Why the last check or download failed.
-    QString problem() const;
-    // Where the downloaded file is.
-    QString file() const;
+    // Where a download is put.
+    QString destination() const;
 
     void check();
-    // What the last check found.
+    // Downloads what update() tells.
     void download();
-    void cancel();
+    // The check or the download, not the verification.
+    void cancel() override;
 
 Q_SIGNALS:
-    void changed();
     // To the thread of the file.
     void verificationNeeded(const QString &path, const QString &sha256, const QString &destination);
 
@@ -59,20 +55,25 @@ protected:
     void handleFailure(const QString &message) override;
 
 private:
-    void setState(State state, const QString &problem = {});
+    void setState(State state, Message::Kind kind, const QString &text);
+    void setCheckFailed(const QString &problem);
+    void setDownloadFailed(const QString &problem);
+    void setAvailable();
     void takeCheck(const UpdateInfo &update);
     void takeDownload(const QString &path);
     void takeVerification(const QString &path, const QString &problem);
     QString defect() const;
-    QUrl downloadUrl() const;
-    QString destination() const;
+    QString obstacle() const;
+    QString temporaryFile() const;
+    void dropTemporary();
 
     State m_state = State::Unknown;
-    QString m_problem;
     UpdateInfo m_update;
     // During a download. On the destination's file system, so that the file can be moved in one
     // step.
     std::unique_ptr<QTemporaryDir> m_temporary;
+    // Of a download that was given up, while its client is not deleted yet.
+    std::unique_ptr<QTemporaryDir> m_abandoned;
 };
 
 #endif // UPDATES_H

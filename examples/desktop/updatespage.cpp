@@ -3,8 +3,8 @@
 #include "busyrow.h"
 #include "notice.h"
 
-#include <QtCore/qfileinfo.h>
 #include <QtGui/qdesktopservices.h>
+#include <QtGui/qshortcut.h>
 #include <QtWidgets/qboxlayout.h>
 #include <QtWidgets/qlabel.h>
 #include <QtWidgets/qplaintextedit.h>
@@ -24,7 +24,9 @@ UpdatesPage::UpdatesPage(Updates *updates, QWidget *parent)
     , m_notes(new QPlainTextEdit(this))
 {
     setObjectName(u"updates"_s);
-    m_check->setShortcut(QKeySequence::Refresh);
+    // Beside the button's own, which is underlined.
+    auto *refresh = new QShortcut(QKeySequence::Refresh, this);
+    connect(refresh, &QShortcut::activated, m_check, &QPushButton::click);
     m_notes->setReadOnly(true);
     m_notes->setTabChangesFocus(true);
     m_notes->setAccessibleName(u"Novità"_s);
@@ -56,69 +58,25 @@ UpdatesPage::UpdatesPage(Updates *updates, QWidget *parent)
 
 void UpdatesPage::showState()
 {
+    const UpdateInfo &update = m_updates->update();
     const bool isBusy = m_updates->isBusy();
-    const bool isAvailable = m_updates->update().updateAvailable;
-    if (isBusy)
-        m_busy->begin();
-    m_check->setEnabled(!isBusy);
-    m_download->setEnabled(!isBusy && isAvailable);
-    m_openFolder->setEnabled(m_updates->state() == Updates::State::Downloaded);
-    if (!isBusy)
-        m_busy->end();
+    m_busy->follow(isBusy, m_updates->isCalling(), [&] {
+        m_check->setEnabled(!isBusy);
+        m_download->setEnabled(!isBusy && update.updateAvailable);
+        m_openFolder->setEnabled(m_updates->state() == Updates::State::Downloaded);
+    });
+    m_notice->tell(m_updates->message());
 
-    const QString notes = isAvailable ? m_updates->update().notes : QString();
-    m_notesLabel->setText(u"Novità della versione %1:"_s.arg(m_updates->update().latestVersion));
-    m_notesLabel->setVisible(!notes.isEmpty());
-    m_notes->setPlainText(notes);
-    m_notes->setVisible(!notes.isEmpty());
-    tellState();
-}
-
-void UpdatesPage::tellState()
-{
-    const QString version = m_updates->update().latestVersion;
-    switch (m_updates->state()) {
-    case Updates::State::Unknown:
-        m_notice->clear();
-        break;
-    case Updates::State::Checking:
-        m_notice->tell(Notice::Information, u"Ricerca di aggiornamenti in corso…"_s);
-        break;
-    case Updates::State::UpToDate:
-        m_notice->tell(Notice::Success, u"Nessun aggiornamento: la versione è quella offerta."_s);
-        break;
-    case Updates::State::Available:
-        m_notice->tell(
-            Notice::Information,
-            m_updates->isDowngrade()
-                ? u"Il servizio offre la versione %1, precedente a quella installata."_s.arg(
-                    version)
-                : u"È disponibile la versione %1."_s.arg(version));
-        break;
-    case Updates::State::CheckFailed:
-        m_notice->tell(Notice::Warning,
-                       u"Ricerca non riuscita: non si sa se ci sono aggiornamenti. "_s
-                           + m_updates->problem());
-        break;
-    case Updates::State::Downloading:
-        m_notice->tell(Notice::Information, u"Scaricamento della versione %1…"_s.arg(version));
-        break;
-    case Updates::State::Verifying:
-        m_notice->tell(Notice::Information, u"Verifica della versione %1…"_s.arg(version));
-        break;
-    case Updates::State::Downloaded:
-        m_notice->tell(Notice::Success,
-                       u"Versione %1 scaricata e verificata: %2"_s.arg(version, m_updates->file()));
-        break;
-    case Updates::State::DownloadFailed:
-        m_notice->tell(Notice::Warning, u"Scaricamento non riuscito. "_s + m_updates->problem());
-        break;
-    }
+    const bool hasNotes = update.updateAvailable && !update.notes.isEmpty();
+    m_notesLabel->setText(u"Novità della versione %1:"_s.arg(update.latestVersion));
+    m_notesLabel->setVisible(hasNotes);
+    m_notes->setPlainText(update.notes);
+    m_notes->setVisible(hasNotes);
 }
 
 void UpdatesPage::openFolder()
 {
-    const QString folder = QFileInfo(m_updates->file()).path();
+    const QString folder = m_updates->service().downloadFolder;
     if (!QDesktopServices::openUrl(QUrl::fromLocalFile(folder)))
-        m_notice->tell(Notice::Warning, u"Impossibile aprire la cartella: "_s + folder);
+        m_notice->tell({Message::Warning, u"Impossibile aprire la cartella: "_s + folder});
 }

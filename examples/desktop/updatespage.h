@@ -22,7 +22,6 @@ public:
 
 private:
     void showState();
-    void tellState();
     void openFolder();
 
     Updates *m_updates;

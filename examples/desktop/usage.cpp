@@ -29,27 +29,28 @@ bool Usage::isWanted() const
     return !m_state->machineId().isEmpty();
 }
 
-void Usage::setWanted(bool wanted)
+void Usage::setWanted(bool isWanted)
 {
-    if (wanted == isWanted())
+    if (isWanted == this->isWanted())
         return;
-    if (!wanted) {
+    if (!isWanted) {
         cancel();
         m_machineId = drawMachineId();
     }
-    if (!m_state->setMachineId(wanted ? m_machineId : QString()))
-        Q_EMIT told(Notice::Warning,
-                    u"La scelta vale fino alla chiusura: %1 non può essere scritto."_s.arg(
-                        m_state->file()));
-    Q_EMIT changed();
+    m_state->setMachineId(isWanted ? m_machineId : QString());
+    if (m_state->isWritten())
+        tell(Message::Information, {});
+    else
+        tell(Message::Warning,
+             u"La scelta vale fino alla chiusura: %1 non può essere scritto."_s.arg(
+                 m_state->file()));
 }
 
-// The library puts these four members over the payload's.
 QJsonObject Usage::preview() const
 {
     QJsonObject object = payload();
     object.insert("product_code"_L1, service().productCode);
-    object.insert("license_key"_L1, m_state->licenseKey());
+    object.insert("license_key"_L1, licenseKey().trimmed());
     object.insert("machine_fingerprint"_L1, m_machineId);
     object.insert("event_type"_L1, eventType);
     return object;
@@ -60,36 +61,19 @@ void Usage::send()
     if (!isWanted() || isCalling())
         return;
     Corvane *client = begin(service().callTimeout);
-    Q_EMIT changed();
-    client->sendUsage(m_state->licenseKey(), m_machineId, eventType, payload());
-}
-
-void Usage::cancel()
-{
-    if (!isCalling())
-        return;
-    giveUp();
-    handleFailure(u"Invio interrotto."_s);
+    tell(Message::Information, {});
+    client->sendUsage(licenseKey(), m_machineId, eventType, payload());
 }
 
 void Usage::connectResults(Corvane *client)
 {
-    connect(client, &Corvane::usageSent, this, [this](bool isAccepted, const QString &message) {
-        end();
-        Q_EMIT changed();
-        // The service may have something to say in either case.
-        if (isAccepted)
-            Q_EMIT told(Notice::Success, u"Dati inviati. %1"_s.arg(message).trimmed());
-        else
-            Q_EMIT told(Notice::Warning,
-                        u"Dati non accettati dal servizio. %1"_s.arg(message).trimmed());
-    });
+    connect(client, &Corvane::usageSent, this, &Usage::takeSent);
 }
 
 void Usage::handleFailure(const QString &message)
 {
-    Q_EMIT changed();
-    Q_EMIT told(Notice::Warning, u"Dati non inviati. "_s + message);
+    // The service may have got them all the same.
+    tell(Message::Warning, u"Invio non confermato. "_s + message);
 }
 
 QJsonObject Usage::payload() const
@@ -97,4 +81,22 @@ QJsonObject Usage::payload() const
     return {{u"app_version"_s, service().installedVersion},
             {u"language"_s, QLocale::system().name()},
             {u"system"_s, QSysInfo::prettyProductName()}};
+}
+
+QString Usage::licenseKey() const
+{
+    return m_state->licenseKeys().value(m_state->licenseKeys().size() - 1);
+}
+
+// The service may have something to say in either case.
+void Usage::takeSent(bool isAccepted, const QString &message)
+{
+    end();
+    // A page of somebody else's instead of the service's answer has nothing to say.
+    if (!isAccepted && message.isEmpty())
+        handleFailure(u"La risposta del servizio non lo dice."_s);
+    else if (isAccepted)
+        tell(Message::Success, u"Dati inviati. %1"_s.arg(message).trimmed());
+    else
+        tell(Message::Warning, u"Dati non accettati dal servizio. "_s + message);
 }

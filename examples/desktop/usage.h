@@ -3,13 +3,12 @@
 
 #include "caller.h"
 #include "keptstate.h"
-#include "notice.h"
 
 #include <QtCore/qjsonobject.h>
 
-// Tells the service of each start of the application, if the user wants that. The machine's id is
-// drawn when the user agrees, says nothing of the machine, and is forgotten when he does not any
-// more.
+// Tells the service of each start of the application, if the user wants that. The machine's id says
+// nothing of the machine: it is drawn, kept while the user agrees, and forgotten when he does not
+// any more.
 class Usage : public Caller
 {
     Q_OBJECT
@@ -22,16 +21,10 @@ public:
     bool isWanted() const;
     void setWanted(bool isWanted);
 
-    // All that is sent, as it is sent.
+    // All that is sent: the payload, and what the library puts over it.
     QJsonObject preview() const;
     // Only if it is wanted.
     void send();
-    void cancel();
-
-Q_SIGNALS:
-    // What would be sent, or whether it is being sent.
-    void changed();
-    void told(Notice::Kind kind, const QString &text);
 
 protected:
     void connectResults(Corvane *client) override;
@@ -39,6 +32,9 @@ protected:
 
 private:
     QJsonObject payload() const;
+    // Of the last purchase; empty before the first.
+    QString licenseKey() const;
+    void takeSent(bool isAccepted, const QString &message);
 
     KeptState *m_state;
     QString m_machineId;

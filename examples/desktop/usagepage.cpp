@@ -28,10 +28,10 @@ UsagePage::UsagePage(Usage *usage, QWidget *parent)
     m_preview->setAccessibleName(u"Dati che vengono inviati"_s);
 
     auto *layout = new QVBoxLayout(this);
-    layout->addWidget(makeLabel(
-        this,
-        u"Se lo permetti, l'applicazione dice al servizio di essere stata avviata. Non parte nulla "
-        "finché non lo permetti, e non parte altro che questo:"_s));
+    layout->addWidget(makeLabel(this,
+                                u"Se lo permetti, l'applicazione dice al servizio di essere stata "
+                                u"avviata. Non viene inviato nulla "
+                                "finché non lo permetti, e poi solo questi dati:"_s));
     layout->addWidget(m_preview, 1);
     layout->addWidget(m_wanted);
     layout->addWidget(m_send, 0, Qt::AlignLeft);
@@ -42,18 +42,14 @@ UsagePage::UsagePage(Usage *usage, QWidget *parent)
     connect(m_send, &QPushButton::clicked, m_usage, &Usage::send);
     connect(m_busy, &BusyRow::cancelled, m_usage, &Usage::cancel);
     connect(m_usage, &Usage::changed, this, &UsagePage::showState);
-    connect(m_usage, &Usage::told, m_notice, &Notice::tell);
     showState();
 }
 
 void UsagePage::showState()
 {
     const bool isBusy = m_usage->isCalling();
-    if (isBusy)
-        m_busy->begin();
+    m_busy->follow(isBusy, isBusy, [&] { m_send->setEnabled(m_usage->isWanted() && !isBusy); });
     m_wanted->setChecked(m_usage->isWanted());
     m_preview->setPlainText(QString::fromUtf8(QJsonDocument(m_usage->preview()).toJson()));
-    m_send->setEnabled(m_usage->isWanted() && !isBusy);
-    if (!isBusy)
-        m_busy->end();
+    m_notice->tell(m_usage->message());
 }

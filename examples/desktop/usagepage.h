@@ -19,9 +19,9 @@ public:
     // Borrows the usage.
     explicit UsagePage(Usage *usage, QWidget *parent = nullptr);
 
+private:
     void showState();
 
-private:
     Usage *m_usage;
     // In the order of the Tab key.
     QPlainTextEdit *m_preview;
