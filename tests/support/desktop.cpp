@@ -106,6 +106,20 @@ void Desktop::close()
     m_host.reset();
 }
 
+void Desktop::leave()
+{
+    m_elsewhere = std::make_unique<QWidget>();
+    m_elsewhere->show();
+    m_elsewhere->activateWindow();
+    QVERIFY(QTest::qWaitForWindowActive(m_elsewhere.get()));
+}
+
+void Desktop::comeBack()
+{
+    m_window->activateWindow();
+    QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
+}
+
 QString Desktop::page() const
 {
     return seen(currentPage());

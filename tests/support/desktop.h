@@ -37,6 +37,9 @@ public:
     // The application's start and end. What it keeps stays for the next one.
     void open(bool withFaults = false);
     void close();
+    // To another window, a browser's say, and from there.
+    void leave();
+    void comeBack();
     MainWindow *window() const { return m_window.get(); }
     DesktopHost *host() const { return m_host.get(); }
     // Where it keeps what it needs, and where it puts downloads.
@@ -80,6 +83,7 @@ private:
     QTemporaryDir m_home;
     std::unique_ptr<DesktopHost> m_host;
     std::unique_ptr<MainWindow> m_window;
+    std::unique_ptr<QWidget> m_elsewhere;
 };
 
 #endif // DESKTOP_H

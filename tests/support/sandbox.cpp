@@ -3,6 +3,7 @@
 #include "files.h"
 
 #include <QtCore/qdir.h>
+#include <QtCore/qjsonarray.h>
 #include <QtCore/qjsondocument.h>
 #include <QtNetwork/qnetworkaccessmanager.h>
 #include <QtNetwork/qnetworkreply.h>
@@ -70,6 +71,17 @@ Sandbox::Answer Sandbox::ask(const QByteArray &method, const QString &path, cons
         return {};
     return {reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(), reply->readAll(),
             reply->rawHeader("Allow"), reply->rawHeader("Cache-Control")};
+}
+
+QList<QJsonObject> Sandbox::journal(const QString &operation) const
+{
+    QList<QJsonObject> found;
+    const QJsonArray entries = get(u"/sandbox/journal"_s).json().value("entries"_L1).toArray();
+    for (const auto &entry : entries) {
+        if (entry["operation"_L1] == operation)
+            found += entry.toObject();
+    }
+    return found;
 }
 
 QJsonObject Sandbox::start() const

@@ -44,6 +44,8 @@ public:
     Answer post(const QString &path, const QJsonObject &body) const;
     Answer ask(const QByteArray &method, const QString &path, const QByteArray &body = {},
                const Headers &headers = {}) const;
+    // The journal's entries of an operation.
+    QList<QJsonObject> journal(const QString &operation) const;
 
     // A purchase that waits for approval, as the service answers its start.
     QJsonObject start() const;
