@@ -32,10 +32,6 @@ const QString fetchButton = u"[Aggiorna l'elenco]\n"_s;
 const QString emptyForm = u"Nome\n<>\nCognome\n<>\nE-mail\n<>\n[Acquista con PayPal]"_s;
 const QString form = u"Nome\n<Ada>\nCognome\n<Rossi>\nE-mail\n<ada@example.org>\n"_s;
 const QString filledForm = form + u"[Acquista con PayPal]"_s;
-const QString pendingButtons =
-    u"[Apri la pagina di pagamento]\n[Completa l'acquisto]\n[Riprendi]\n[Abbandona]"_s;
-const QString mayBePaidButtons =
-    u"(Apri la pagina di pagamento)\n[Completa l'acquisto]\n(Riprendi)\n[Abbandona]"_s;
 const QString busy = u"\n*\n[Annulla]"_s;
 
 const QString started = u"Pagamento avviato."_s;
@@ -1449,16 +1445,8 @@ QString tst_DesktopPurchase::licenceKey() const
 
 QString tst_DesktopPurchase::pendingText(bool mayBePaid) const
 {
-    const QString next = mayBePaid
-        ? u"Il pagamento potrebbe essere avvenuto: premi «Completa l'acquisto»."_s
-        : u"Approva il pagamento nel browser e torna qui; se l'acquisto non si completa da sé, "
-          u"premi "
-          "«Completa l'acquisto»."_s;
-    return u"Piano ANNUALE, ordine %1, chiave di licenza %2. %3 Questi dati restano in %4, anche "
-           u"dopo "
-           "la chiusura.\n<%5>\n%6"_s.arg(orderId(), licenceKey(), next, m_desktop->stateFile(),
-                                          m_desktop->opened.last().toString(),
-                                          mayBePaid ? mayBePaidButtons : pendingButtons);
+    return m_desktop->pendingPurchase(u"ANNUALE"_s, orderId(), licenceKey(),
+                                      m_desktop->opened.last(), mayBePaid);
 }
 
 QString tst_DesktopPurchase::licenceText(const QStringList &keys)

@@ -39,7 +39,7 @@ void Usage::setWanted(bool isWanted)
     }
     m_state->setMachineId(isWanted ? m_machineId : QString());
     if (m_state->isWritten())
-        tell(Message::Information, {});
+        Q_EMIT changed();
     else
         tell(Message::Warning,
              u"La scelta vale fino alla chiusura: %1 non può essere scritto."_s.arg(
@@ -94,7 +94,7 @@ void Usage::takeSent(bool isAccepted, const QString &message)
     end();
     // A page of somebody else's instead of the service's answer has nothing to say.
     if (!isAccepted && message.isEmpty())
-        handleFailure(u"La risposta del servizio non lo dice."_s);
+        tell(Message::Warning, u"Invio non confermato dal servizio."_s);
     else if (isAccepted)
         tell(Message::Success, u"Dati inviati. %1"_s.arg(message).trimmed());
     else

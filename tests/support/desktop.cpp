@@ -166,6 +166,24 @@ bool Desktop::waitForLine(const QString &beginning) const
         timeout);
 }
 
+QString Desktop::pendingPurchase(const QString &plan, const QString &order,
+                                 const QString &licenceKey, const QUrl &approvalPage,
+                                 bool mayBePaid) const
+{
+    const QString next = mayBePaid
+        ? u"Il pagamento potrebbe essere avvenuto: premi «Completa l'acquisto»."_s
+        : u"Approva il pagamento nel browser e torna qui; se l'acquisto non si completa da sé, "
+          u"premi "
+          "«Completa l'acquisto»."_s;
+    const QString buttons = mayBePaid
+        ? u"(Apri la pagina di pagamento)\n[Completa l'acquisto]\n(Riprendi)\n[Abbandona]"_s
+        : u"[Apri la pagina di pagamento]\n[Completa l'acquisto]\n[Riprendi]\n[Abbandona]"_s;
+    return u"Piano %1, ordine %2, chiave di licenza %3. %4 Questi dati restano in %5, anche dopo "
+           u"la "
+           "chiusura.\n<%6>\n%7"_s.arg(plan, order, licenceKey, next, stateFile(),
+                                       approvalPage.toString(), buttons);
+}
+
 void Desktop::showPage(const QString &title)
 {
     auto *tabs = m_window->findChild<QTabWidget *>();
@@ -239,8 +257,7 @@ void Desktop::startScenario(const QString &name)
 
 void Desktop::note(const QUrl &url)
 {
-    if (opensUrls)
-        opened.append(url);
+    opened.append(url);
 }
 
 QWidget *Desktop::currentPage() const

@@ -49,11 +49,10 @@ public:
 
     // What was handed to the browser or the file manager.
     QList<QUrl> opened;
-    // Whether there are such programs.
-    bool opensUrls = true;
 
     // All that is seen of a page, from top to bottom: texts, [button], (disabled button), <field>,
-    // [x] checked, * for the sign that something is under way.
+    // [x] checked, "| " and "- " before rows that can be chosen and that cannot, * for the sign
+    // that something is under way.
     QString page() const;
     // Of a part of the window.
     static QString seen(const QWidget *part);
@@ -61,13 +60,16 @@ public:
     bool waitForPage(const QString &text) const;
     // Whether a page comes to show a line that begins with this, and is not busy any more.
     bool waitForLine(const QString &beginning) const;
-    // By its object name. False if it has none.
-    void showPage(const QString &title);
+    // What is seen of a purchase that waits to be completed, with its buttons.
+    QString pendingPurchase(const QString &plan, const QString &order, const QString &licenceKey,
+                            const QUrl &approvalPage, bool mayBePaid = false) const;
 
+    // Of faults; null if there is none.
     QWidget *panel() const;
-    // By their visible texts, without the ampersand. These fail the test if there is none to be
-    // used.
+    // By its visible text, without the ampersand; null if there is none.
     QAbstractButton *button(const QString &text) const;
+    // What follows goes by visible texts, too, and fails the test if there is nothing to be used.
+    void showPage(const QString &title);
     void click(const QString &text);
     void type(const QString &field, const QString &text);
     void selectPlan(const QString &name);
