@@ -3,6 +3,7 @@
 #include "caller.h"
 
 #include <QtCore/qdatetime.h>
+#include <QtCore/qregularexpression.h>
 
 using namespace Qt::StringLiterals;
 
@@ -11,6 +12,14 @@ namespace {
 QString yesOrNo(bool value)
 {
     return value ? u"sì"_s : u"no"_s;
+}
+
+// The address in an error may have a token in its query or a password before its host, and a
+// message of the service may have somebody's e-mail address.
+QString withoutSecrets(QString line)
+{
+    static const QRegularExpression secret(u"\\?\\S+|\\S+@\\S+"_s);
+    return line.replace(secret, u"***"_s);
 }
 
 } // namespace
@@ -84,6 +93,6 @@ void Diary::write(const QString &line)
         return;
     const QString time = QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs);
     // A line of its own, whatever the service sends.
-    m_file.write((time + u' ' + line.simplified() + u'\n').toUtf8());
+    m_file.write((time + u' ' + withoutSecrets(line.simplified()) + u'\n').toUtf8());
     m_file.flush();
 }
