@@ -454,8 +454,7 @@ QString tst_DesktopFaults::networkWords(const QString &scenario, const QString &
     };
     const Sandbox &sandbox = m_desktop->sandbox;
     if (scenario == "flaky-network"_L1)
-        sandbox.ask("POST", u"/sandbox/faults"_s, R"({"faults": [{"do": {"bytes": "reset"}}]})",
-                    {{"Content-Type", "application/json"}});
+        sandbox.setFaults(uR"({"do": {"bytes": "reset"}})"_s);
     else
         sandbox.post(u"/sandbox/scenario"_s, {{u"name"_s, scenario}});
     const bool isGet =

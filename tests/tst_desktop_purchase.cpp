@@ -140,10 +140,7 @@ private Q_SLOTS:
 
 private:
     // In the place of all others.
-    void fault(const QString &json) const;
     void fault(const QString &operation, const QString &what) const;
-    void clearFaults() const;
-    QJsonArray journal(const QString &operation) const;
     // The requests of the operation that the sandbox has had.
     qsizetype requests(const QString &operation) const;
     // What the newest of them had in it.
@@ -205,7 +202,7 @@ void tst_DesktopPurchase::fetchesPlansOnDemand()
     m_desktop->showPage(u"Acquisto"_s);
     QVERIFY(m_desktop->waitForPage(u"| Vecchio |  |  | \n"_s + fetchButton + emptyForm));
 
-    clearFaults();
+    m_desktop->sandbox.setFaults({});
     m_desktop->click(u"Aggiorna l'elenco"_s);
     QVERIFY(m_desktop->waitForPage(plans + fetchButton + emptyForm));
 }
@@ -373,7 +370,7 @@ void tst_DesktopPurchase::tellsThatThereAreNoPlans()
     m_desktop->click(u"Acquista con PayPal"_s);
     QCOMPARE(m_desktop->page(), page + u'\n' + choosePlan);
 
-    clearFaults();
+    m_desktop->sandbox.setFaults({});
     m_desktop->click(u"Aggiorna l'elenco"_s);
     QVERIFY(m_desktop->waitForPage(plans + fetchButton + emptyForm + u'\n' + choosePlan));
 }
@@ -401,7 +398,7 @@ void tst_DesktopPurchase::givesUpFetch()
     QCOMPARE(m_desktop->page(),
              plans + plansFailed + interrupted + u'\n' + fetchButton + emptyForm);
 
-    clearFaults();
+    m_desktop->sandbox.setFaults({});
     m_desktop->click(u"Aggiorna l'elenco"_s);
     QCOMPARE(m_desktop->page(), plans + u"(Aggiorna l'elenco)\n"_s + emptyForm + busy);
     QVERIFY(m_desktop->waitForPage(plans + fetchButton + emptyForm));
@@ -650,7 +647,7 @@ void tst_DesktopPurchase::tellsWhatTheNetworkSays()
     if (operation != u"capture"_s)
         QVERIFY(m_desktop->page().startsWith(page.section(u'\n', 0, -2)));
 
-    clearFaults();
+    m_desktop->sandbox.setFaults({});
     m_desktop->click(button);
     QVERIFY(waitForTold(operation == u"capture"_s ? notApproved : started));
 }
@@ -943,7 +940,7 @@ void tst_DesktopPurchase::unreadableCaptureLosesNothing()
     QCOMPARE(rows(u"payments"_s).size(), isTaken ? 1 : 0);
     QCOMPARE(kept(), mayBePaid(before));
 
-    clearFaults();
+    m_desktop->sandbox.setFaults({});
     m_desktop->click(u"Completa l'acquisto"_s);
     QVERIFY(waitForTold(paid));
     QCOMPARE(rows(u"payments"_s).size(), 1);
@@ -976,7 +973,7 @@ void tst_DesktopPurchase::lostCaptureIsPaidOnce()
     QCOMPARE(kept(), mayBePaid(before));
 
     // Even if it is closed before.
-    clearFaults();
+    m_desktop->sandbox.setFaults({});
     m_desktop->open();
     m_desktop->click(u"Completa l'acquisto"_s);
     QVERIFY(waitForTold(paid));
@@ -1218,7 +1215,7 @@ void tst_DesktopPurchase::whatMayBePaidIsNotAbandonedLightly()
     QCOMPARE(requests(u"resume"_s), 0);
     QCOMPARE(m_desktop->opened.size(), 1);
 
-    clearFaults();
+    m_desktop->sandbox.setFaults({});
     m_desktop->click(u"Completa l'acquisto"_s);
     QVERIFY(waitForTold(notApproved));
     QCOMPARE(m_desktop->page(), plans + fetchButton + pendingText() + u'\n' + notApproved);
@@ -1274,7 +1271,7 @@ void tst_DesktopPurchase::givesUpCall()
                  + u'\n' + interrupted + hint);
     QCOMPARE(kept(), isCapture ? mayBePaid(before) : before);
 
-    clearFaults();
+    m_desktop->sandbox.setFaults({});
     m_desktop->click(button);
     QVERIFY(waitForTold(operation == u"capture"_s ? paid : started));
     QCOMPARE(rows(u"payments"_s).size(), operation == u"capture"_s ? 1 : 0);
@@ -1341,7 +1338,7 @@ void tst_DesktopPurchase::endsCallThatTakesTooLong()
     QVERIFY2(waitForTold(late + hint), qPrintable(m_desktop->page()));
     QCOMPARE(kept(), operation == u"capture"_s ? mayBePaid(before) : before);
 
-    clearFaults();
+    m_desktop->sandbox.setFaults({});
     m_desktop->service.callTimeout = std::chrono::seconds(20);
     m_desktop->open();
     m_desktop->click(u"Completa l'acquisto"_s);
@@ -1349,46 +1346,20 @@ void tst_DesktopPurchase::endsCallThatTakesTooLong()
     QCOMPARE(rows(u"payments"_s).size(), 1);
 }
 
-void tst_DesktopPurchase::fault(const QString &json) const
-{
-    clearFaults();
-    QCOMPARE(m_desktop->sandbox
-                 .ask("POST", u"/sandbox/faults"_s, R"({"faults": [)" + json.toUtf8() + "]}",
-                      {{"Content-Type", "application/json"}})
-                 .status,
-             200);
-}
-
 void tst_DesktopPurchase::fault(const QString &operation, const QString &what) const
 {
-    fault(uR"({"operation": "%1", "do": %2})"_s.arg(operation, what));
-}
-
-void tst_DesktopPurchase::clearFaults() const
-{
-    QCOMPARE(m_desktop->sandbox.ask("DELETE", u"/sandbox/faults"_s).status, 200);
-}
-
-QJsonArray tst_DesktopPurchase::journal(const QString &operation) const
-{
-    QJsonArray found;
-    const QJsonArray entries =
-        m_desktop->sandbox.get(u"/sandbox/journal"_s).json().value("entries"_L1).toArray();
-    for (const auto &entry : entries) {
-        if (entry["operation"_L1].toString() == operation)
-            found.append(entry);
-    }
-    return found;
+    m_desktop->sandbox.setFaults(uR"({"operation": "%1", "do": %2})"_s.arg(operation, what));
 }
 
 qsizetype tst_DesktopPurchase::requests(const QString &operation) const
 {
-    return journal(operation).size();
+    return m_desktop->sandbox.journal(operation).size();
 }
 
 QJsonObject tst_DesktopPurchase::sent(const QString &operation) const
 {
-    const QString body = journal(operation).last()["request"_L1]["body"_L1].toString();
+    const QString body =
+        m_desktop->sandbox.journal(operation).last()["request"_L1]["body"_L1].toString();
     return QJsonDocument::fromJson(body.toUtf8()).object();
 }
 

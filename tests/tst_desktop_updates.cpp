@@ -5,7 +5,6 @@
 #include "loopbackserver.h"
 
 #include <QtCore/qdir.h>
-#include <QtCore/qjsonarray.h>
 #include <QtNetwork/qnetworkreply.h>
 #include <QtTest/qsignalspy.h>
 #include <QtTest/qtest.h>
@@ -68,10 +67,6 @@ private Q_SLOTS:
     void newCheckForgetsDownload();
 
 private:
-    void fault(const QString &json) const;
-    void clearFaults() const;
-    // The requests of the operation that the sandbox has had.
-    qsizetype requests(const QString &operation) const;
     // All that is in the folder of downloads.
     QStringList files() const;
     void openAndFind();
@@ -94,11 +89,12 @@ void tst_DesktopUpdates::cleanup()
 
 void tst_DesktopUpdates::looksForUpdatesAtStart()
 {
-    fault(uR"({"operation": "update-check", "do": {"bytes": "stall", "after": 0}})"_s);
+    m_desktop->sandbox.setFaults(
+        uR"({"operation": "update-check", "do": {"bytes": "stall", "after": 0}})"_s);
     m_desktop->open();
     QCOMPARE(m_desktop->page(), busy + u"\nRicerca di aggiornamenti in corso…"_s);
 
-    clearFaults();
+    m_desktop->sandbox.setFaults({});
     m_desktop->open();
     QVERIFY2(m_desktop->waitForPage(available), qPrintable(m_desktop->page()));
 }
@@ -106,7 +102,7 @@ void tst_DesktopUpdates::looksForUpdatesAtStart()
 void tst_DesktopUpdates::looksForUpdatesOnDemand()
 {
     openAndFind();
-    fault(
+    m_desktop->sandbox.setFaults(
         uR"({"operation": "update-check", "do": {"merge": {"release": {"version": "1.6.0"}}}})"_s);
     m_desktop->click(u"Cerca aggiornamenti"_s);
     QVERIFY(m_desktop->waitForPage(offering + u"\nÈ disponibile la versione 1.6.0."_s));
@@ -168,14 +164,15 @@ void tst_DesktopUpdates::tellsNoUpdateFromFailedCheck()
     QFETCH(const QString, what);
     QFETCH(const QString, page);
 
-    fault(uR"({"operation": "update-check", "do": %1})"_s.arg(what));
+    m_desktop->sandbox.setFaults(uR"({"operation": "update-check", "do": %1})"_s.arg(what));
     m_desktop->open();
     QVERIFY2(m_desktop->waitForPage(page), qPrintable(m_desktop->page()));
 }
 
 void tst_DesktopUpdates::tellsWhatTheNetworkSays()
 {
-    fault(uR"({"operation": "update-check", "do": {"status": 503, "error": "Chiuso."}})"_s);
+    m_desktop->sandbox.setFaults(
+        uR"({"operation": "update-check", "do": {"status": 503, "error": "Chiuso."}})"_s);
     m_desktop->open();
     QVERIFY(m_desktop->waitForLine(u"Ricerca non riuscita"_s));
     QSignalSpy errors(m_desktop->host()->updates.findChild<Corvane *>(), &Corvane::networkError);
@@ -187,40 +184,43 @@ void tst_DesktopUpdates::tellsWhatTheNetworkSays()
 
 void tst_DesktopUpdates::showsNotesAsTheyStand()
 {
-    fault(uR"({"operation": "update-check", "do": {"merge": {"release":
+    m_desktop->sandbox.setFaults(uR"({"operation": "update-check", "do": {"merge": {"release":
                {"notes": "Più <b>veloce</b>.\n\nE più piccola."}}}})"_s);
     m_desktop->open();
     QVERIFY(m_desktop->waitForPage(
         available + u"\nNovità della versione 1.5.0:\nPiù <b>veloce</b>.\n\nE più piccola."_s));
 
-    clearFaults();
+    m_desktop->sandbox.setFaults({});
     m_desktop->click(u"Cerca aggiornamenti"_s);
     QVERIFY(m_desktop->waitForPage(available));
 }
 
 void tst_DesktopUpdates::makesOneCheckAtATime()
 {
-    fault(uR"({"operation": "update-check", "do": {"bytes": "stall", "after": 0}})"_s);
+    m_desktop->sandbox.setFaults(
+        uR"({"operation": "update-check", "do": {"bytes": "stall", "after": 0}})"_s);
     m_desktop->open();
-    QVERIFY(QTest::qWaitFor([&] { return requests(u"update-check"_s) == 1; }, 20000));
+    QVERIFY(QTest::qWaitFor(
+        [&] { return m_desktop->sandbox.journal(u"update-check"_s).size() == 1; }, 20000));
     QTest::keyClick(m_desktop->window(), Qt::Key_F5);
     m_desktop->host()->updates.check();
     m_desktop->host()->updates.download();
     QCOMPARE(m_desktop->page(), busy + u"\nRicerca di aggiornamenti in corso…"_s);
     // What was sent meanwhile would have come before this.
     QCOMPARE(m_desktop->sandbox.get(u"/api/v1/purchase/plans?product_code=DEMO"_s).status, 200);
-    QCOMPARE(requests(u"update-check"_s), 1);
-    QCOMPARE(requests(u"download"_s), 0);
+    QCOMPARE(m_desktop->sandbox.journal(u"update-check"_s).size(), 1);
+    QCOMPARE(m_desktop->sandbox.journal(u"download"_s).size(), 0);
 }
 
 void tst_DesktopUpdates::givesUpCheck()
 {
-    fault(uR"({"operation": "update-check", "do": {"bytes": "stall", "after": 0}})"_s);
+    m_desktop->sandbox.setFaults(
+        uR"({"operation": "update-check", "do": {"bytes": "stall", "after": 0}})"_s);
     m_desktop->open();
     m_desktop->click(u"Annulla"_s);
     QCOMPARE(m_desktop->page(), idle);
 
-    clearFaults();
+    m_desktop->sandbox.setFaults({});
     m_desktop->click(u"Cerca aggiornamenti"_s);
     QVERIFY(m_desktop->waitForPage(available));
 }
@@ -231,7 +231,8 @@ void tst_DesktopUpdates::hearsNothingOfCheckGivenUp()
 {
     openAndFind();
     auto *client = m_desktop->host()->updates.findChild<Corvane *>();
-    fault(uR"({"operation": "update-check", "do": {"bytes": "stall", "after": 0}})"_s);
+    m_desktop->sandbox.setFaults(
+        uR"({"operation": "update-check", "do": {"bytes": "stall", "after": 0}})"_s);
     m_desktop->click(u"Cerca aggiornamenti"_s);
     m_desktop->host()->updates.cancel();
     UpdateInfo late;
@@ -243,13 +244,14 @@ void tst_DesktopUpdates::hearsNothingOfCheckGivenUp()
 
 void tst_DesktopUpdates::endsCheckThatTakesTooLong()
 {
-    fault(uR"({"operation": "update-check", "do": {"bytes": "stall", "after": 0}})"_s);
+    m_desktop->sandbox.setFaults(
+        uR"({"operation": "update-check", "do": {"bytes": "stall", "after": 0}})"_s);
     m_desktop->service.callTimeout = std::chrono::milliseconds(300);
     m_desktop->open();
     QVERIFY(m_desktop->waitForPage(idle + unknown
                                    + u"La richiesta non è finita nel tempo concesso (0.3 s)."_s));
 
-    clearFaults();
+    m_desktop->sandbox.setFaults({});
     m_desktop->service.callTimeout = std::chrono::seconds(20);
     m_desktop->open();
     QVERIFY(m_desktop->waitForPage(available));
@@ -312,7 +314,7 @@ void tst_DesktopUpdates::takesFileNameFromUrl()
 
     LoopbackServer server;
     server.script(LoopbackServer::response(200, Sandbox::release));
-    fault(
+    m_desktop->sandbox.setFaults(
         uR"({"operation": "update-check", "do": {"merge": {"release": {"download_url": "%1"}}}})"_s
             .arg(server.url().resolved(QUrl(u"/"_s)).toString().chopped(1)
                  + QString::fromLatin1(path)));
@@ -353,7 +355,7 @@ void tst_DesktopUpdates::failedDownloadLeavesWhatWasThere()
 
     QDir().mkpath(m_desktop->downloads());
     Files::write(m_desktop->downloads() + u"/demo.bin"_s, "old");
-    fault(rule);
+    m_desktop->sandbox.setFaults(rule);
     openAndFind();
     m_desktop->click(u"Scarica e verifica"_s);
     const QString told = offering + failed + problem;
@@ -366,7 +368,7 @@ void tst_DesktopUpdates::failedDownloadLeavesWhatWasThere()
     QCOMPARE(files(), QStringList(u"demo.bin"_s));
     QCOMPARE(Files::contentOf(m_desktop->downloads() + u"/demo.bin"_s), QByteArray("old"));
 
-    clearFaults();
+    m_desktop->sandbox.setFaults({});
     m_desktop->click(u"Cerca aggiornamenti"_s);
     QVERIFY(m_desktop->waitForPage(available));
     m_desktop->click(u"Scarica e verifica"_s);
@@ -376,7 +378,7 @@ void tst_DesktopUpdates::failedDownloadLeavesWhatWasThere()
 
 void tst_DesktopUpdates::givesUpDownload()
 {
-    fault(uR"({"operation": "download", "do": {"bytes": "stall"}})"_s);
+    m_desktop->sandbox.setFaults(uR"({"operation": "download", "do": {"bytes": "stall"}})"_s);
     openAndFind();
     m_desktop->click(u"Scarica e verifica"_s);
     QCOMPARE(m_desktop->page(), busy + u"\nScaricamento della versione 1.5.0…"_s);
@@ -389,7 +391,8 @@ void tst_DesktopUpdates::givesUpDownload()
 // starts again.
 void tst_DesktopUpdates::hearsNothingOfDownloadGivenUp()
 {
-    fault(uR"({"operation": "download", "when": {"skip": 1}, "do": {"bytes": "stall"}})"_s);
+    m_desktop->sandbox.setFaults(
+        uR"({"operation": "download", "when": {"skip": 1}, "do": {"bytes": "stall"}})"_s);
     openAndFind();
     auto *client = m_desktop->host()->updates.findChild<Corvane *>();
     QObject context;
@@ -398,7 +401,8 @@ void tst_DesktopUpdates::hearsNothingOfDownloadGivenUp()
         m_desktop->click(u"Scarica e verifica"_s);
     });
     m_desktop->click(u"Scarica e verifica"_s);
-    QVERIFY(QTest::qWaitFor([&] { return requests(u"download"_s) == 2; }, 20000));
+    QVERIFY(QTest::qWaitFor([&] { return m_desktop->sandbox.journal(u"download"_s).size() == 2; },
+                            20000));
     QCOMPARE(m_desktop->page(), busy + u"\nScaricamento della versione 1.5.0…"_s);
     m_desktop->click(u"Annulla"_s);
     QCOMPARE(m_desktop->page(), available);
@@ -425,7 +429,7 @@ void tst_DesktopUpdates::leavesNothingOfDownloadGivenUpAtItsEnd()
 
 void tst_DesktopUpdates::endsDownloadThatTakesTooLong()
 {
-    fault(uR"({"operation": "download", "do": {"bytes": "stall"}})"_s);
+    m_desktop->sandbox.setFaults(uR"({"operation": "download", "do": {"bytes": "stall"}})"_s);
     m_desktop->service.downloadTimeout = std::chrono::milliseconds(1500);
     openAndFind();
     m_desktop->click(u"Scarica e verifica"_s);
@@ -443,7 +447,7 @@ void tst_DesktopUpdates::tellsFolderThatCannotBeWritten()
     m_desktop->click(u"Scarica e verifica"_s);
     QVERIFY(m_desktop->page().startsWith(
         offering + failed + u"Impossibile scrivere nella cartella %1/below: "_s.arg(file)));
-    QCOMPARE(requests(u"download"_s), 0);
+    QCOMPARE(m_desktop->sandbox.journal(u"download"_s).size(), 0);
 }
 
 void tst_DesktopUpdates::tellsDestinationThatCannotBeReplaced()
@@ -461,34 +465,11 @@ void tst_DesktopUpdates::newCheckForgetsDownload()
     openAndFind();
     m_desktop->click(u"Scarica e verifica"_s);
     QVERIFY(m_desktop->waitForLine(u"Versione 1.5.0 scaricata"_s));
-    fault(
+    m_desktop->sandbox.setFaults(
         uR"({"operation": "update-check", "do": {"merge": {"release": {"version": "1.4.0"}}}})"_s);
     m_desktop->click(u"Cerca aggiornamenti"_s);
     QVERIFY(m_desktop->waitForPage(
         idle + u"\nNessun aggiornamento: la versione installata è quella offerta."_s));
-}
-
-void tst_DesktopUpdates::fault(const QString &json) const
-{
-    QCOMPARE(m_desktop->sandbox
-                 .ask("POST", u"/sandbox/faults"_s, R"({"faults": [)" + json.toUtf8() + "]}",
-                      {{"Content-Type", "application/json"}})
-                 .status,
-             200);
-}
-
-void tst_DesktopUpdates::clearFaults() const
-{
-    QCOMPARE(m_desktop->sandbox.ask("DELETE", u"/sandbox/faults"_s).status, 200);
-}
-
-qsizetype tst_DesktopUpdates::requests(const QString &operation) const
-{
-    const QJsonArray entries =
-        m_desktop->sandbox.get(u"/sandbox/journal"_s).json().value("entries"_L1).toArray();
-    return std::count_if(entries.begin(), entries.end(), [&](const auto &entry) {
-        return entry.toObject().value("operation"_L1).toString() == operation;
-    });
 }
 
 QStringList tst_DesktopUpdates::files() const

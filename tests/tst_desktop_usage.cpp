@@ -41,7 +41,6 @@ private Q_SLOTS:
 
 private:
     void open();
-    void putInForce(const QByteArray &fault) const;
     void buy();
     QString preview() const;
     QString machineId() const;
@@ -97,7 +96,7 @@ void tst_DesktopUsage::previewIsWhatIsSent()
     QFETCH(const bool, isBought);
     QFETCH(const QByteArray, fault);
     if (!fault.isEmpty())
-        putInForce(fault);
+        m_desktop->sandbox.setFaults(QString::fromUtf8(fault));
     open();
     if (isBought)
         buy();
@@ -163,7 +162,7 @@ void tst_DesktopUsage::refusalIsKept()
 
 void tst_DesktopUsage::refusalEndsTheCall()
 {
-    putInForce(R"({"operation": "usage", "do": {"delay": 60000}})");
+    m_desktop->sandbox.setFaults(uR"({"operation": "usage", "do": {"delay": 60000}})"_s);
     open();
     m_desktop->click(choice);
     const QString id = machineId();
@@ -214,7 +213,8 @@ void tst_DesktopUsage::outcomeIsTold()
     open();
     m_desktop->click(choice);
     if (action != "{}")
-        putInForce(R"({"operation": "usage", "do": )" + action + '}');
+        m_desktop->sandbox.setFaults(
+            uR"({"operation": "usage", "do": %1})"_s.arg(QString::fromUtf8(action)));
     if (notice.contains("%1"_L1))
         notice = notice.arg(
             PlainNetwork::outcomeOf(m_desktop->sandbox.url(u"/api/v1/client/usage"_s), "{}")
@@ -255,14 +255,6 @@ void tst_DesktopUsage::open()
     m_desktop->open();
     QVERIFY(m_desktop->waitForLine(u"È disponibile la versione 1.5.0."_s));
     m_desktop->showPage(u"Utilizzo"_s);
-}
-
-void tst_DesktopUsage::putInForce(const QByteArray &fault) const
-{
-    const Sandbox::Answer answer =
-        m_desktop->sandbox.ask("POST", u"/sandbox/faults"_s, R"({"faults": [)" + fault + "]}",
-                               {{"Content-Type", "application/json"}});
-    QCOMPARE(answer.status, 200);
 }
 
 void tst_DesktopUsage::buy()

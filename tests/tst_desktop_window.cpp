@@ -180,9 +180,7 @@ void tst_DesktopWindow::tabGoesFromTopToBottom()
 void tst_DesktopWindow::focusComesBackAfterWaiting()
 {
     openPage(updates);
-    m_desktop->sandbox.ask("POST", u"/sandbox/faults"_s,
-                           R"({"faults": [{"do": {"bytes": "stall", "after": 0}}]})",
-                           {{"Content-Type", "application/json"}});
+    m_desktop->sandbox.setFaults(uR"({"do": {"bytes": "stall", "after": 0}})"_s);
     m_desktop->button(u"Cerca aggiornamenti"_s)->setFocus();
     QTest::keyClick(m_desktop->window()->focusWidget(), Qt::Key_Space);
     QCOMPARE(focused(), u"Annulla"_s);
@@ -194,9 +192,7 @@ void tst_DesktopWindow::focusStaysInFieldThatCanBeUsed()
 {
     openPage(purchase);
     QTest::keyClick(m_desktop->window(), Qt::Key_N, Qt::AltModifier);
-    m_desktop->sandbox.ask("POST", u"/sandbox/faults"_s,
-                           R"({"faults": [{"do": {"bytes": "stall", "after": 0}}]})",
-                           {{"Content-Type", "application/json"}});
+    m_desktop->sandbox.setFaults(uR"({"do": {"bytes": "stall", "after": 0}})"_s);
     m_desktop->host()->plans.fetch();
     QVERIFY(m_desktop->page().contains(u"[Annulla]"_s));
     QCOMPARE(focused(), u"Nome"_s);
@@ -206,9 +202,7 @@ void tst_DesktopWindow::focusStaysInFieldThatCanBeUsed()
 void tst_DesktopWindow::focusStaysOnOtherPage()
 {
     openPage(purchase);
-    m_desktop->sandbox.ask("POST", u"/sandbox/faults"_s,
-                           R"({"faults": [{"operation": "update-check", "do": {"delay": 500}}]})",
-                           {{"Content-Type", "application/json"}});
+    m_desktop->sandbox.setFaults(uR"({"operation": "update-check", "do": {"delay": 500}})"_s);
     QTest::keyClick(m_desktop->window(), Qt::Key_N, Qt::AltModifier);
     QCOMPARE(focused(), u"Nome"_s);
     QSignalSpy changed(&m_desktop->host()->updates, &Updates::changed);
@@ -471,10 +465,8 @@ QStringList tst_DesktopWindow::clipped() const
 
 void tst_DesktopWindow::openPage(const QString &title, bool withFaults)
 {
-    m_desktop->sandbox.ask("POST", u"/sandbox/faults"_s,
-                           R"({"faults": [{"operation": "update-check", "when": {"times": 1},
-                               "do": {"merge": {"release": {"notes": "Più veloce."}}}}]})",
-                           {{"Content-Type", "application/json"}});
+    m_desktop->sandbox.setFaults(uR"({"operation": "update-check", "when": {"times": 1},
+                               "do": {"merge": {"release": {"notes": "Più veloce."}}}})"_s);
     m_desktop->open(withFaults);
     QVERIFY(m_desktop->waitForLine(u"Più veloce."_s));
     m_desktop->showPage(title);

@@ -10,8 +10,8 @@ struct PurchaseCaptureInfo;
 struct PurchaseStartInfo;
 struct UpdateInfo;
 
-// Writes down what the service said in this session, for whoever helps the user: a line each, and
-// nothing of what the user has typed. It lives in a thread of its own, so that a slow disk holds up
+// Writes down what the service said in this session, for whoever helps the user: a line each,
+// without secrets that can be told by their form. It lives in a thread of its own, so that a slow disk holds up
 // nobody, and gets the results by queued connections.
 class Diary : public QObject
 {

@@ -31,9 +31,8 @@ public:
 
     void takeAll()
     {
-        ask("POST", u"/sandbox/faults"_s,
-            R"({"faults": [{"operation": "update-check", "do": {"merge":
-            {"release": {"notes": "Più veloce all'avvio.\nCorregge la stampa su due facciate."}}}}]})");
+        m_desktop.sandbox.setFaults(uR"({"operation": "update-check", "do": {"merge":
+            {"release": {"notes": "Più veloce all'avvio.\nCorregge la stampa su due facciate."}}}})"_s);
         m_desktop.open();
         waitFor(u"Corregge"_s);
         take(u"updates"_s);
@@ -61,12 +60,6 @@ public:
     }
 
 private:
-    void ask(const QByteArray &method, const QString &path, const QByteArray &body)
-    {
-        if (m_desktop.sandbox.ask(method, path, body, {{"Content-Type", "application/json"}}).status
-            != 200)
-            fail(u"the sandbox refused %1"_s.arg(path));
-    }
     void waitFor(const QString &line)
     {
         if (!m_desktop.waitForLine(line))

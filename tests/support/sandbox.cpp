@@ -84,6 +84,16 @@ QList<QJsonObject> Sandbox::journal(const QString &operation) const
     return found;
 }
 
+void Sandbox::setFaults(const QString &rules) const
+{
+    QCOMPARE(ask("DELETE", u"/sandbox/faults"_s).status, 200);
+    const QByteArray json = R"({"faults": [)" + rules.toUtf8() + "]}";
+    if (!rules.isEmpty())
+        QCOMPARE(
+            ask("POST", u"/sandbox/faults"_s, json, {{"Content-Type", "application/json"}}).status,
+            200);
+}
+
 QJsonObject Sandbox::start() const
 {
     return post(u"/api/v1/purchase/start"_s,

@@ -47,6 +47,10 @@ public:
     // The journal's entries of an operation.
     QList<QJsonObject> journal(const QString &operation) const;
 
+    // The rules, as JSON objects with commas between them, in the place of all in force. Fails the
+    // test if they are refused.
+    void setFaults(const QString &rules) const;
+
     // A purchase that waits for approval, as the service answers its start.
     QJsonObject start() const;
     // The page's button.
