@@ -47,11 +47,12 @@ QList<Case> cases()
           "è stato eliminato."_s;
     const QString plansFailed = u"Piani non ricevuti. "_s;
     const QString noPlans = u"Il servizio non ha indicato alcun piano."_s;
-    const QString notCharged = u" Non viene addebitato nulla senza la tua approvazione: riprova."_s;
+    const QString notCharged =
+        u"\nNon viene addebitato nulla senza la tua approvazione: riprova."_s;
     const QString perhapsCharged =
-        u" Il pagamento potrebbe essere avvenuto: premi di nuovo «Completa "
+        u"\nIl pagamento potrebbe essere avvenuto: premi di nuovo «Completa "
         "l'acquisto», non pagherai due volte."_s;
-    const QString retry = u" Riprova."_s;
+    const QString retry = u"\nRiprova."_s;
     const QString unreadable =
         u"Pagamento non avviato. La risposta del servizio non era leggibile."_s;
     const QString notStarted = unreadable + notCharged;

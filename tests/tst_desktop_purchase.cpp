@@ -43,11 +43,19 @@ const QString noPage =
     u"Il servizio non ha indicato una pagina di pagamento valida: premi «Riprendi»."_s;
 const QString interrupted = u"Richiesta interrotta."_s;
 const QString late = u"La richiesta non è finita nel tempo concesso (0.3 s)."_s;
-const QString nothingCharged = u" Non viene addebitato nulla senza la tua approvazione: riprova."_s;
+const QString nothingCharged =
+    u"\nNon viene addebitato nulla senza la tua approvazione: riprova."_s;
 const QString perhapsPaid =
-    u" Il pagamento potrebbe essere avvenuto: premi di nuovo «Completa l'acquisto», non pagherai due volte."_s;
-const QString justRetry = u" Riprova."_s;
+    u"\nIl pagamento potrebbe essere avvenuto: premi di nuovo «Completa l'acquisto», non pagherai due volte."_s;
+const QString justRetry = u"\nRiprova."_s;
 const QString unreadable = u" La risposta del servizio non era leggibile."_s;
+
+QString textOf(const QVariant &value)
+{
+    if (value.typeId() == QMetaType::QStringList)
+        return value.toStringList().join(u',');
+    return value.toString();
+}
 
 // What is kept once a capture was tried.
 QStringList mayBePaid(QStringList kept)
@@ -315,6 +323,12 @@ void tst_DesktopPurchase::longTextsLeaveThePageUsable()
                "price": "%1", "other": "%1"}]}})"_s.arg(word, u"Molte parole. "_s.repeated(500)));
     m_desktop->click(u"Aggiorna l'elenco"_s);
     QVERIFY(m_desktop->waitForLine(u"| lungo"_s));
+    fillForm(word);
+    fault(u"start"_s, uR"({"error": "%1"})"_s.arg(word));
+    m_desktop->click(u"Acquista con PayPal"_s);
+    QVERIFY(waitForTold(word));
+    m_desktop->sandbox.setFaults({});
+    // The window has had the time to become as wide as what it shows.
     QCOMPARE(m_desktop->window()->size(), size);
     buy(word);
 }
@@ -1374,10 +1388,7 @@ QStringList tst_DesktopPurchase::kept() const
     QStringList lines;
     const QStringList keys = settings.allKeys();
     for (const QString &key : keys)
-        lines += key + u'='
-            + (settings.value(key).typeId() == QMetaType::QStringList
-                   ? settings.value(key).toStringList().join(u',')
-                   : settings.value(key).toString());
+        lines += u"%1=%2"_s.arg(key, textOf(settings.value(key)));
     return lines;
 }
 

@@ -10,6 +10,7 @@
 #include <QtWidgets/qcombobox.h>
 #include <QtWidgets/qlabel.h>
 #include <QtWidgets/qpushbutton.h>
+#include <QtWidgets/qscrollarea.h>
 
 using namespace Qt::StringLiterals;
 
@@ -36,7 +37,12 @@ FaultPanel::FaultPanel(const Service &sandbox, QWidget *parent)
     layout->addWidget(m_stop);
     layout->addWidget(m_notice);
     layout->addStretch();
-    setWidget(content);
+    auto *area = new QScrollArea(this);
+    area->setFrameShape(QFrame::NoFrame);
+    area->setWidgetResizable(true);
+    area->setFocusPolicy(Qt::NoFocus);
+    area->setWidget(content);
+    setWidget(area);
 
     connect(m_names, &QComboBox::currentIndexChanged, this, &FaultPanel::showSentence);
     connect(m_start, &QPushButton::clicked, this, &FaultPanel::start);

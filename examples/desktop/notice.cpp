@@ -47,5 +47,7 @@ QLabel *makeLabel(QWidget *parent, const QString &text)
     label->setTextFormat(Qt::PlainText);
     label->setTextInteractionFlags(Qt::TextSelectableByMouse);
     label->setWordWrap(true);
+    // However long a word the service sends, the window does not become as wide.
+    label->setMinimumWidth(1);
     return label;
 }

@@ -115,7 +115,8 @@ void Purchase::handleFailure(const QString &message)
     else if (m_step == Step::Capture)
         hint = u"Il pagamento potrebbe essere avvenuto: premi di nuovo «Completa l'acquisto», non "
                "pagherai due volte."_s;
-    tell(Message::Warning, message + u' ' + hint);
+    // The network layer's words are no sentence.
+    tell(Message::Warning, message + u'\n' + hint);
 }
 
 Corvane *Purchase::begin(Step step, const PendingPurchase &purchase)

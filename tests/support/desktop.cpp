@@ -204,11 +204,11 @@ QWidget *Desktop::panel() const
 QAbstractButton *Desktop::button(const QString &text) const
 {
     const QList<QAbstractButton *> buttons = m_window->findChildren<QAbstractButton *>();
-    for (QAbstractButton *button : buttons) {
-        if (button->isVisible() && withoutAmpersand(button->text()) == text)
-            return button;
-    }
-    return nullptr;
+    const auto found =
+        std::find_if(buttons.begin(), buttons.end(), [&](const QAbstractButton *candidate) {
+            return candidate->isVisible() && withoutAmpersand(candidate->text()) == text;
+        });
+    return found == buttons.end() ? nullptr : *found;
 }
 
 void Desktop::click(const QString &text)
