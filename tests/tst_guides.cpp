@@ -159,7 +159,10 @@ void tst_Guides::commandsDoWhatTheGuideSays_data()
 {
     QTest::addColumn<QString>("name");
 
+    QTest::newRow("checkout") << u"checkout"_s;
+    QTest::newRow("first-host") << u"first-host"_s;
     QTest::newRow("sandbox") << u"sandbox"_s;
+    QTest::newRow("usage") << u"usage"_s;
 }
 
 void tst_Guides::commandsDoWhatTheGuideSays()
