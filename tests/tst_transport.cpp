@@ -64,6 +64,8 @@ private Q_SLOTS:
     void everyCallFailsWhenTheServerDiesAmidItsAnswer_data();
     void everyCallFailsWhenTheServerDiesAmidItsAnswer();
     void callsShareOneHttp2Connection();
+    void frontThatLeavesTheTimeOutAnswersChecks();
+    void frontAnswersDownloads();
 
 private:
     // How a site of nginx is reached.
@@ -139,6 +141,7 @@ private:
     QMap<QString, QUrl> m_urls; // of these sites
     bool m_http2IsDirective = false;
     LoopbackServer m_held;
+    LoopbackServer m_fronted; // what caches stand before
     LoopbackServer m_stopping; // answers all requests, and none to the end
     std::unique_ptr<ServerProcess> m_sandbox;
     std::unique_ptr<ServerProcess> m_nginx;
@@ -471,6 +474,11 @@ void tst_Transport::addSites()
     addSite(u"dead-h2"_s, h2, toNobody);
     addSite(u"held-h2"_s, h2, "proxy_pass "_L1 + m_held.url().toString());
 
+    const QString toFronted = "proxy_cache answers; proxy_cache_valid 200 1h; proxy_pass "_L1
+        + m_fronted.url().toString();
+    addSite(u"cached"_s, plain, toFronted);
+    addSite(u"cached-without-time"_s, plain, "proxy_cache_key $uri?$arg_channel; "_L1 + toFronted);
+
     const QString toStopping = "proxy_buffering off; proxy_pass "_L1 + m_stopping.url().toString();
     m_stopping.always("HTTP/1.1 200 OK\r\nContent-Length: 999\r\n\r\n{\"success\":true");
     addSite(u"stopping-tls"_s, tls, toStopping);
@@ -502,6 +510,7 @@ http {
     fastcgi_temp_path temporary;
     uwsgi_temp_path temporary;
     scgi_temp_path temporary;
+    proxy_cache_path cache keys_zone=answers:1m;
     proxy_http_version 1.1;
     ssl_certificate_key server.key;
     lingering_close off;
@@ -1083,6 +1092,40 @@ void tst_Transport::callsShareOneHttp2Connection()
     QCOMPARE(connectionsOf(seen), 1);
     for (const Logged &logged : seen)
         QVERIFY2(logged.text.startsWith("held-h2 HTTP/2.0 "_L1), qPrintable(logged.text));
+}
+
+// A cache that goes by the whole URL knows no check again, for each has its time in it. One that
+// leaves the time out asks the service once, as it pays no heed to the request's own headers.
+void tst_Transport::frontThatLeavesTheTimeOutAnswersChecks()
+{
+    m_fronted.always(LoopbackServer::response(200, "{}"));
+    const auto askedOf = [this](const QString &site) {
+        const qsizetype before = m_fronted.requests().size();
+        const QUrl server = url(site);
+        for (int i = 0; i < 3; ++i)
+            Running(operationsOn(server).at(UpdateCheck), server).ended();
+        QSet<QByteArray> targets;
+        for (const LoopbackServer::Request &request : m_fronted.requests().sliced(before))
+            targets += request.target;
+        return targets.size();
+    };
+    QCOMPARE(askedOf(u"cached-without-time"_s), 1);
+    // Two of one millisecond are alike.
+    QVERIFY(askedOf(u"cached"_s) > 1);
+}
+
+void tst_Transport::frontAnswersDownloads()
+{
+    m_fronted.always(LoopbackServer::response(200, releaseContent));
+    const qsizetype before = m_fronted.requests().size();
+    const QUrl server = url(u"cached"_s);
+    for (int i = 0; i < 3; ++i) {
+        QFile::remove(destination());
+        Running(operationsOn(server).at(UpdateDownload), server).ended();
+        QCOMPARE(Files::contentOf(destination()), releaseContent);
+    }
+    QCOMPARE(m_fronted.requests().size() - before, 1);
+    QCOMPARE(m_fronted.requests().constLast().header("Cache-Control"), "no-cache");
 }
 
 QTEST_GUILESS_MAIN(tst_Transport)
