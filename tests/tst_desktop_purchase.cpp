@@ -1373,7 +1373,7 @@ qsizetype tst_DesktopPurchase::requests(const QString &operation) const
 QJsonObject tst_DesktopPurchase::sent(const QString &operation) const
 {
     const QString body =
-        m_desktop->sandbox.journal(operation).last()["request"_L1]["body"_L1].toString();
+        m_desktop->sandbox.journal(operation).constLast()["request"_L1]["body"_L1].toString();
     return QJsonDocument::fromJson(body.toUtf8()).object();
 }
 
