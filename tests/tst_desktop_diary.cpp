@@ -25,8 +25,8 @@ public:
         : m_file(path)
         , m_reader(QThread::create([this] {
             // Not for ever, should the test itself be waiting.
-            m_wasTold = m_mayGoOn.tryAcquire(1, 10000);
-            m_file.open(QIODevice::ReadOnly | QIODevice::Unbuffered);
+            const bool wasTold = m_mayGoOn.tryAcquire(1, 10000);
+            m_isRead = m_file.open(QIODevice::ReadOnly | QIODevice::Unbuffered) && wasTold;
         }))
     {
         if (::mkfifo(QFile::encodeName(path).constData(), 0600) == 0)
@@ -44,13 +44,13 @@ public:
     QByteArray line()
     {
         m_reader->wait();
-        return m_wasTold ? m_file.readLine() : QByteArray();
+        return m_isRead ? m_file.readLine() : QByteArray();
     }
 
 private:
     QFile m_file;
     QSemaphore m_mayGoOn;
-    bool m_wasTold = false;
+    bool m_isRead = false;
     std::unique_ptr<QThread> m_reader;
 };
 

@@ -39,6 +39,7 @@ public:
         , m_proxy(proxy)
     {
     }
+    Q_DISABLE_COPY_MOVE(ByHost)
 
     QList<QNetworkProxy> queryProxy(const QNetworkProxyQuery &query) override
     {
