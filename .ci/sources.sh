@@ -13,10 +13,14 @@ configure_sources() {
     mkdir -p "$package"
     printf '%s\n' "set(CORVANE_SANDBOX ON)" "add_subdirectory([[$PWD]] corvane)" >"$package/CorvaneConfig.cmake"
     echo "set(PACKAGE_VERSION_COMPATIBLE ON)" >"$package/CorvaneConfigVersion.cmake"
-    cmake -G Ninja -S tests/consumer-host -B build/tidy/consumer-host -D Corvane_DIR="$PWD/$package" \
-        -D CMAKE_CXX_COMPILER=clang++ -D CMAKE_EXPORT_COMPILE_COMMANDS=ON \
-        -D CMAKE_AUTOGEN_ORIGIN_DEPENDS=OFF
+    local project
+    for project in consumer-host consumer-qml; do
+        cmake -G Ninja -S "tests/$project" -B "build/tidy/$project" -D Corvane_DIR="$PWD/$package" \
+            -D CMAKE_CXX_COMPILER=clang++ -D CMAKE_EXPORT_COMPILE_COMMANDS=ON \
+            -D CMAKE_AUTOGEN_ORIGIN_DEPENDS=OFF
+    done
     cmake --build build/tidy/consumer-host --target host_autogen tst_host_autogen
+    cmake --build build/tidy/consumer-qml --target qmlhost_autogen
 }
 
 # check_source TOTAL NUMBER FILE COMMAND...: COMMAND on FILE, as it is compiled.
@@ -26,6 +30,7 @@ check_source() {
     case $file in
         tests/consumer/*) database=build/tidy/consumer ;;
         tests/consumer-host/*) database=build/tidy/consumer-host ;;
+        tests/consumer-qml/*) database=build/tidy/consumer-qml ;;
     esac
     # A file that nothing compiles would be read as if it were some other one.
     if ! grep -qF "\"file\": \"$PWD/$file\"" "$database/compile_commands.json"; then

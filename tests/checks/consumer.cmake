@@ -1,62 +1,162 @@
-# Builds and runs an outside project as its owner would, in WORK_DIR: with MODE "package",
-# tests/consumer against a fresh installation of BUILD_DIR; with MODE "source", the same with the
-# library's sources inside; with MODE "host", tests/consumer-host, whose tests have the installed
-# sandbox.
+# Builds and runs an outside project as its owner would, in WORK_DIR, against a fresh installation
+# of BUILD_DIR that has been moved. The MODE says which:
+#
+#   package     tests/consumer, which finds the package, with corvane-cli if CLI is on
+#   source      the same with the library's sources inside
+#   fetch       the same by FetchContent, from a local folder
+#   pkgconfig   the same without CMake, by what pkg-config says
+#   host        tests/consumer-host, whose tests have the installed sandbox
+#   qml         tests/consumer-qml, whose test has it too
+#   analysis    none: cppcheck, and Clang with all its warnings, read the installed headers
 function(run)
     execute_process(COMMAND ${ARGV} RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
     if(NOT result EQUAL 0)
         list(JOIN ARGV " " command)
         message(FATAL_ERROR "${command}: ${result}\n${output}")
     endif()
+    set(output "${output}" PARENT_SCOPE)
 endfunction()
 
-file(REMOVE_RECURSE "${WORK_DIR}")
-if(MODE STREQUAL "source")
-    set(corvane "-DCORVANE_SOURCE=${SOURCE_DIR}")
-else()
+# refused(REASON COMMAND...): the command fails, and its output has the reason.
+function(refused reason)
+    execute_process(COMMAND ${ARGN} RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
+    string(REGEX REPLACE "[ \n]+" " " output "${output}")
+    if(result EQUAL 0 OR NOT output MATCHES "${reason}")
+        list(JOIN ARGN " " command)
+        message(FATAL_ERROR "${command}: not refused by \"${reason}\": ${output}")
+    endif()
+endfunction()
+
+function(install_and_move)
     run(${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${WORK_DIR}/installed")
     # A package that only works where it was installed first would fail from here.
     file(RENAME "${WORK_DIR}/installed" "${WORK_DIR}/moved")
-    set(corvane "-DCMAKE_PREFIX_PATH=${WORK_DIR}/moved")
     foreach(file IN ITEMS include/corvane/Corvane include/corvane/corvane.h
             include/corvane/corvanetypes.h include/corvane/corvaneglobal.h)
         if(NOT EXISTS "${WORK_DIR}/moved/${file}")
             message(FATAL_ERROR "${file} is not installed")
         endif()
     endforeach()
-endif()
-set(project consumer)
-if(MODE STREQUAL "host")
-    set(project consumer-host)
-endif()
+    # Nor may it need the tree that it was built from.
+    file(GLOB_RECURSE files "${WORK_DIR}/moved/*.cmake" "${WORK_DIR}/moved/*.pc")
+    foreach(file IN LISTS files)
+        file(READ "${file}" text)
+        foreach(place IN ITEMS "${WORK_DIR}" "${BUILD_DIR}" "${SOURCE_DIR}")
+            string(FIND "${text}" "${place}" position)
+            if(NOT position EQUAL -1)
+                message(FATAL_ERROR "${file} names ${place}")
+            endif()
+        endforeach()
+    endforeach()
+    set(ENV{PKG_CONFIG_PATH} "${WORK_DIR}/moved/${LIBDIR}/pkgconfig")
+endfunction()
 
-set(configure ${CMAKE_COMMAND} -G "${GENERATOR}" ${corvane}
-    "-DCMAKE_CXX_COMPILER=${CXX}" "-DCMAKE_CXX_FLAGS=${CXX_FLAGS}")
-run(${configure} -S "${SOURCE_DIR}/tests/${project}" -B "${WORK_DIR}/build")
-run(${CMAKE_COMMAND} --build "${WORK_DIR}/build")
-if(NOT MODE STREQUAL "host")
+# pkg_config(VARIABLE ARGUMENT...): what it answers, as a list.
+function(pkg_config variable)
+    run(pkg-config ${ARGN})
+    string(STRIP "${output}" output)
+    separate_arguments(output UNIX_COMMAND "${output}")
+    set(${variable} "${output}" PARENT_SCOPE)
+endfunction()
+
+function(run_consumers)
     foreach(standard IN ITEMS 17 20 23)
         run("${WORK_DIR}/build/consumer${standard}")
     endforeach()
-    return()
-endif()
+endfunction()
 
-run(${CMAKE_CTEST_COMMAND} --test-dir "${WORK_DIR}/build" -j 4 --no-tests=error --output-on-failure)
-run(${CMAKE_COMMAND} -E env "PATH=${WORK_DIR}/moved/bin:${WORK_DIR}/moved/share/corvane-sandbox:$ENV{PATH}"
-    "${SOURCE_DIR}/tests/consumer-host/run-tests" "${WORK_DIR}/build/tst_host")
+set(configure ${CMAKE_COMMAND} -G "${GENERATOR}" "-DCMAKE_PREFIX_PATH=${WORK_DIR}/moved"
+    "-DCMAKE_CXX_COMPILER=${CXX}" "-DCMAKE_CXX_FLAGS=${CXX_FLAGS}")
 
-# What a build without the sandbox does not install.
-file(GLOB targets "${WORK_DIR}/moved/lib*/cmake/Corvane/CorvaneSandboxTargets*.cmake"
-    "${WORK_DIR}/moved/lib*/*/cmake/Corvane/CorvaneSandboxTargets*.cmake")
-if(NOT targets)
-    message(FATAL_ERROR "the sandbox's targets are not installed")
-endif()
-file(REMOVE ${targets})
-run(${configure} -S "${SOURCE_DIR}/tests/consumer" -B "${WORK_DIR}/without")
-execute_process(
-    COMMAND ${configure} -S "${SOURCE_DIR}/tests/consumer-host" -B "${WORK_DIR}/refused"
-    RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
-string(REGEX REPLACE "[ \n]+" " " output "${output}")
-if(result EQUAL 0 OR NOT output MATCHES "built without its sandbox: build it with -DCORVANE_SANDBOX=ON")
-    message(FATAL_ERROR "a package without the sandbox is not refused as it should be: ${output}")
+# configure_and_build(PROJECT ARGUMENT...)
+function(configure_and_build project)
+    run(${configure} ${ARGN} -S "${SOURCE_DIR}/tests/${project}" -B "${WORK_DIR}/build")
+    run(${CMAKE_COMMAND} --build "${WORK_DIR}/build")
+endfunction()
+
+function(test_package)
+    set(components "")
+    if(CLI)
+        set(components -DCOMPONENTS=Cli)
+    endif()
+    configure_and_build(consumer ${components})
+    run_consumers()
+
+    set(refused_configure ${configure} --fresh -S "${SOURCE_DIR}/tests/consumer" -B "${WORK_DIR}/refused")
+    string(REGEX MATCH "^[0-9]+" major "${VERSION}")
+    math(EXPR next "${major} + 1")
+    math(EXPR former "${major} - 1")
+    foreach(other IN ITEMS ${next}.0 ${former}.0)
+        refused("compatible with requested version \"${other}\"" ${refused_configure} -DCORVANE_WANTED=${other})
+    endforeach()
+    refused("Corvane_FOUND to FALSE" ${refused_configure} -DCOMPONENTS=Unheard)
+endfunction()
+
+function(test_pkgconfig)
+    pkg_config(version --modversion corvane)
+    if(NOT version STREQUAL VERSION)
+        message(FATAL_ERROR "pkg-config: version ${version} instead of ${VERSION}")
+    endif()
+    pkg_config(flags --cflags --libs corvane)
+    separate_arguments(own_flags UNIX_COMMAND "${CXX_FLAGS}")
+    set(sources "${SOURCE_DIR}/tests/consumer")
+    file(MAKE_DIRECTORY "${WORK_DIR}/build")
+    # Qt's own files let the compiler warn of Qt's headers.
+    run(${CXX} ${own_flags} -std=c++17
+        "${sources}/main.cpp" "${sources}/forwarded.cpp" ${flags} -o "${WORK_DIR}/build/consumer")
+    run(${CMAKE_COMMAND} -E env "LD_LIBRARY_PATH=${WORK_DIR}/moved/${LIBDIR}"
+        "${WORK_DIR}/build/consumer")
+endfunction()
+
+function(test_host)
+    configure_and_build(consumer-host)
+    run(${CMAKE_CTEST_COMMAND} --test-dir "${WORK_DIR}/build" -j 4 --no-tests=error --output-on-failure)
+    run(${CMAKE_COMMAND} -E env
+        "PATH=${WORK_DIR}/moved/bin:${WORK_DIR}/moved/share/corvane-sandbox:$ENV{PATH}"
+        "${SOURCE_DIR}/tests/consumer-host/run-tests" "${WORK_DIR}/build/tst_host")
+
+    # What a build without the sandbox does not install.
+    file(GLOB targets "${WORK_DIR}/moved/${LIBDIR}/cmake/Corvane/CorvaneSandboxTargets*.cmake")
+    if(NOT targets)
+        message(FATAL_ERROR "the sandbox's targets are not installed")
+    endif()
+    file(REMOVE ${targets})
+    run(${configure} -S "${SOURCE_DIR}/tests/consumer" -B "${WORK_DIR}/without")
+    refused("built without its sandbox: build it with -DCORVANE_SANDBOX=ON"
+        ${configure} -S "${SOURCE_DIR}/tests/consumer-host" -B "${WORK_DIR}/refused")
+endfunction()
+
+function(test_qml)
+    configure_and_build(consumer-qml)
+    run(${CMAKE_CTEST_COMMAND} --test-dir "${WORK_DIR}/build" --no-tests=error --output-on-failure)
+endfunction()
+
+function(test_analysis)
+    set(headers "${WORK_DIR}/moved/include/corvane")
+    file(GLOB includes RELATIVE "${headers}" "${headers}/*")
+    list(TRANSFORM includes REPLACE "(.+)" "#include <\\1>\n")
+    set(source "${WORK_DIR}/headers.cpp")
+    file(WRITE "${source}" ${includes})
+    # Qt's are not judged.
+    pkg_config(qt_flags --cflags Qt6Core)
+    list(TRANSFORM qt_flags REPLACE "^-I" "-isystem")
+    # All warnings, but those that are of every class, or of all C++ of this century.
+    set(warnings -Weverything -Werror -Wno-padded -Wno-c++98-compat -Wno-c++98-compat-pedantic -Wno-c++20-compat)
+    set(compile clang++ -fPIC "-I${headers}" ${qt_flags} ${warnings})
+    foreach(standard IN ITEMS 17 20 2b)
+        run(${compile} -std=c++${standard} -fsyntax-only "${source}")
+    endforeach()
+    run(${compile} -std=c++17 --analyze -Xclang -analyzer-werror -o "${WORK_DIR}/headers.plist" "${source}")
+    run(cppcheck --enable=warning,style,performance,portability --inconclusive --error-exitcode=1
+        --std=c++17 --library=qt -I "${headers}" "${source}")
+endfunction()
+
+file(REMOVE_RECURSE "${WORK_DIR}")
+if(MODE STREQUAL "source" OR MODE STREQUAL "fetch")
+    string(TOUPPER "${MODE}" how)
+    configure_and_build(consumer "-DCORVANE_${how}=${SOURCE_DIR}")
+    run_consumers()
+else()
+    install_and_move()
+    cmake_language(CALL test_${MODE})
 endif()
