@@ -1,8 +1,14 @@
 # corvane_strict(TARGET): the project's warnings and Qt's strict macros, for this
 # target alone. What a host sets for its own code stays the host's choice; the
-# development presets turn these warnings into errors.
+# development presets turn these warnings into errors. A target that has nothing
+# but headers sets them for whoever compiles these.
 function(corvane_strict target)
-    target_compile_definitions(${target} PRIVATE
+    get_target_property(type ${target} TYPE)
+    set(scope PRIVATE)
+    if(type STREQUAL "INTERFACE_LIBRARY")
+        set(scope INTERFACE)
+    endif()
+    target_compile_definitions(${target} ${scope}
         QT_NO_KEYWORDS
         QT_NO_FOREACH
         QT_NO_CAST_FROM_ASCII
@@ -18,7 +24,7 @@ function(corvane_strict target)
         QT_DISABLE_DEPRECATED_BEFORE=0x060C00
         QT_DISABLE_DEPRECATED_UP_TO=0x060C00)
     if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
-        target_compile_options(${target} PRIVATE
+        target_compile_options(${target} ${scope}
             -Wall -Wextra -Wpedantic
             -Wcast-align -Wcast-qual -Wconversion -Wdouble-promotion -Wextra-semi -Wformat=2
             -Wimplicit-fallthrough -Wmissing-declarations -Wnon-virtual-dtor -Wnull-dereference
@@ -28,11 +34,11 @@ function(corvane_strict target)
     # QSKIP(text) leaves out a macro's last arguments, as C++ allows from 20 on.
     if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
         if(CMAKE_CXX_COMPILER_VERSION VERSION_LESS 19)
-            target_compile_options(${target} PRIVATE -Wno-gnu-zero-variadic-macro-arguments)
+            target_compile_options(${target} ${scope} -Wno-gnu-zero-variadic-macro-arguments)
         elseif(CMAKE_CXX_COMPILER_VERSION VERSION_LESS 20)
-            target_compile_options(${target} PRIVATE -Wno-c++20-extensions)
+            target_compile_options(${target} ${scope} -Wno-c++20-extensions)
         else()
-            target_compile_options(${target} PRIVATE -Wno-variadic-macro-arguments-omitted)
+            target_compile_options(${target} ${scope} -Wno-variadic-macro-arguments-omitted)
         endif()
     endif()
 endfunction()
