@@ -1,5 +1,5 @@
 # Builds and runs an outside project as its owner would, in WORK_DIR, against a fresh installation
-# of BUILD_DIR that has been moved. The MODE says which:
+# of BUILD_DIR that has been moved, or against the one in PREFIX. The MODE says which:
 #
 #   package     tests/consumer, which finds the package, with corvane-cli if CLI is on
 #   source      the same with the library's sources inside
@@ -27,7 +27,9 @@ function(refused reason)
     endif()
 endfunction()
 
+# Sets PREFIX.
 function(install_and_move)
+    set(PREFIX "${WORK_DIR}/moved" PARENT_SCOPE)
     run(${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${WORK_DIR}/installed")
     # A package that only works where it was installed first would fail from here.
     file(RENAME "${WORK_DIR}/installed" "${WORK_DIR}/moved")
@@ -48,7 +50,6 @@ function(install_and_move)
             endif()
         endforeach()
     endforeach()
-    set(ENV{PKG_CONFIG_PATH} "${WORK_DIR}/moved/${LIBDIR}/pkgconfig")
 endfunction()
 
 # pkg_config(VARIABLE ARGUMENT...): what it answers, as a list.
@@ -64,9 +65,6 @@ function(run_consumers)
         run("${WORK_DIR}/build/consumer${standard}")
     endforeach()
 endfunction()
-
-set(configure ${CMAKE_COMMAND} -G "${GENERATOR}" "-DCMAKE_PREFIX_PATH=${WORK_DIR}/moved"
-    "-DCMAKE_CXX_COMPILER=${CXX}" "-DCMAKE_CXX_FLAGS=${CXX_FLAGS}")
 
 # configure_and_build(PROJECT ARGUMENT...)
 function(configure_and_build project)
@@ -104,7 +102,7 @@ function(test_pkgconfig)
     # Qt's own files let the compiler warn of Qt's headers.
     run(${CXX} ${own_flags} -std=c++17
         "${sources}/main.cpp" "${sources}/forwarded.cpp" ${flags} -o "${WORK_DIR}/build/consumer")
-    run(${CMAKE_COMMAND} -E env "LD_LIBRARY_PATH=${WORK_DIR}/moved/${LIBDIR}"
+    run(${CMAKE_COMMAND} -E env "LD_LIBRARY_PATH=${PREFIX}/${LIBDIR}"
         "${WORK_DIR}/build/consumer")
 endfunction()
 
@@ -112,11 +110,11 @@ function(test_host)
     configure_and_build(consumer-host)
     run(${CMAKE_CTEST_COMMAND} --test-dir "${WORK_DIR}/build" -j 4 --no-tests=error --output-on-failure)
     run(${CMAKE_COMMAND} -E env
-        "PATH=${WORK_DIR}/moved/bin:${WORK_DIR}/moved/share/corvane-sandbox:$ENV{PATH}"
+        "PATH=${PREFIX}/bin:${PREFIX}/share/corvane-sandbox:$ENV{PATH}"
         "${SOURCE_DIR}/tests/consumer-host/run-tests" "${WORK_DIR}/build/tst_host")
 
     # What a build without the sandbox does not install.
-    file(GLOB targets "${WORK_DIR}/moved/${LIBDIR}/cmake/Corvane/CorvaneSandboxTargets*.cmake")
+    file(GLOB targets "${PREFIX}/${LIBDIR}/cmake/Corvane/CorvaneSandboxTargets*.cmake")
     if(NOT targets)
         message(FATAL_ERROR "the sandbox's targets are not installed")
     endif()
@@ -132,7 +130,7 @@ function(test_qml)
 endfunction()
 
 function(test_analysis)
-    set(headers "${WORK_DIR}/moved/include/corvane")
+    set(headers "${PREFIX}/include/corvane")
     file(GLOB includes RELATIVE "${headers}" "${headers}/*")
     list(TRANSFORM includes REPLACE "(.+)" "#include <\\1>\n")
     set(source "${WORK_DIR}/headers.cpp")
@@ -152,11 +150,16 @@ function(test_analysis)
 endfunction()
 
 file(REMOVE_RECURSE "${WORK_DIR}")
-if(MODE STREQUAL "source" OR MODE STREQUAL "fetch")
+if(NOT PREFIX AND NOT MODE MATCHES "^(source|fetch)$")
+    install_and_move()
+endif()
+set(configure ${CMAKE_COMMAND} -G "${GENERATOR}" "-DCMAKE_PREFIX_PATH=${PREFIX}"
+    "-DCMAKE_CXX_COMPILER=${CXX}" "-DCMAKE_CXX_FLAGS=${CXX_FLAGS}")
+if(MODE MATCHES "^(source|fetch)$")
     string(TOUPPER "${MODE}" how)
     configure_and_build(consumer "-DCORVANE_${how}=${SOURCE_DIR}")
     run_consumers()
 else()
-    install_and_move()
+    set(ENV{PKG_CONFIG_PATH} "${PREFIX}/${LIBDIR}/pkgconfig")
     cmake_language(CALL test_${MODE})
 endif()
