@@ -91,6 +91,9 @@ const QList<Happening> happenings{
      u"checkForUpdate"_s},
     {u"no release"_s, LoopbackServer::response(200, R"({"success":true})"), u"checkForUpdate"_s},
     {u"no plans"_s, LoopbackServer::response(200, R"({"plans":[]})"), u"fetchPurchasePlans"_s},
+    {u"not paid"_s,
+     LoopbackServer::response(409, R"({"success":false,"paid":false,"error":{"message":"Testo"}})"),
+     u"capturePayPalPurchase"_s},
     {fileNotOpened, LoopbackServer::response(200, "x"), u"downloadUpdate"_s},
 };
 
@@ -172,11 +175,20 @@ public:
         });
         connect(client, &Corvane::purchaseCaptured, this, [=](const PurchaseCaptureInfo &capture) {
             add("`purchaseCaptured`: `paid` "_L1
-                + answered(capture.paid, capture.message, capture.raw));
+                + answered(capture.paid, capture.message, capture.raw) + whetherPaid(capture));
         });
         connect(client, &Corvane::networkError, this, [=](const QString &message) {
             add("`networkError`: "_L1 + named(message, networks));
         });
+    }
+
+    // Nothing of what is said already.
+    static QString whetherPaid(const PurchaseCaptureInfo &capture)
+    {
+        if (capture.paid || capture.raw.isEmpty())
+            return {};
+        return capture.raw.contains("paid"_L1) ? u", `raw` with `\"paid\": false`"_s
+                                               : u", `raw` without `paid`"_s;
     }
 
     // Of the call's own reply.
