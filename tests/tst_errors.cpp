@@ -159,25 +159,29 @@ public:
     explicit Descriptions(Corvane *client)
     {
         const auto add = [this](const QString &line) { lines += line; };
-        connect(client, &Corvane::usageSent, this, [=](bool accepted, const QString &message) {
-            add("`usageSent`: "_L1 + named(accepted) + ", "_L1 + named(message, networks));
-        });
+        connect(client, &Corvane::usageSent, this,
+                [this, add](bool accepted, const QString &message) {
+                    add("`usageSent`: "_L1 + named(accepted) + ", "_L1 + named(message, networks));
+                });
         connect(client, &Corvane::updateChecked, this,
-                [=](const UpdateInfo &update) { add(described(update)); });
+                [add](const UpdateInfo &update) { add(described(update)); });
         connect(client, &Corvane::updateDownloaded, this,
-                [=] { add(u"`updateDownloaded`: the path"_s); });
-        connect(client, &Corvane::purchasePlansReceived, this, [=](const QJsonArray &plans) {
+                [add] { add(u"`updateDownloaded`: the path"_s); });
+        connect(client, &Corvane::purchasePlansReceived, this, [add](const QJsonArray &plans) {
             add("`purchasePlansReceived`: "_L1 + (plans.isEmpty() ? "no plans"_L1 : "plans"_L1));
         });
-        connect(client, &Corvane::purchaseStarted, this, [=](const PurchaseStartInfo &purchase) {
-            add("`purchaseStarted`: `success` "_L1
-                + answered(purchase.success, purchase.message, purchase.raw));
-        });
-        connect(client, &Corvane::purchaseCaptured, this, [=](const PurchaseCaptureInfo &capture) {
-            add("`purchaseCaptured`: `paid` "_L1
-                + answered(capture.paid, capture.message, capture.raw) + whetherPaid(capture));
-        });
-        connect(client, &Corvane::networkError, this, [=](const QString &message) {
+        connect(client, &Corvane::purchaseStarted, this,
+                [this, add](const PurchaseStartInfo &purchase) {
+                    add("`purchaseStarted`: `success` "_L1
+                        + answered(purchase.success, purchase.message, purchase.raw));
+                });
+        connect(client, &Corvane::purchaseCaptured, this,
+                [this, add](const PurchaseCaptureInfo &capture) {
+                    add("`purchaseCaptured`: `paid` "_L1
+                        + answered(capture.paid, capture.message, capture.raw)
+                        + whetherPaid(capture));
+                });
+        connect(client, &Corvane::networkError, this, [this, add](const QString &message) {
             add("`networkError`: "_L1 + named(message, networks));
         });
     }
