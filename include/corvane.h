@@ -38,7 +38,7 @@ QT_END_NAMESPACE
 /// destroys the object. The network layer does repeat a request, in some versions POSTs included,
 /// when its connection closes before any answer: the service may get a start or a capture twice.
 /// The library keeps nothing on disk but downloads and writes no log. Redirects, proxies and TLS
-/// are what QNetworkAccessManager makes of them by default; docs/reliability.md tells what that can
+/// are what QNetworkAccessManager makes of them by default; docs/network.md tells what that can
 /// be.
 class CORVANE_EXPORT Corvane : public QObject
 {

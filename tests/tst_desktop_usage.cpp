@@ -35,6 +35,7 @@ private Q_SLOTS:
     void refusalForgetsTheId();
     void refusalIsKept();
     void refusalEndsTheCall();
+    void refusalForgetsCookies();
     void outcomeIsTold_data();
     void outcomeIsTold();
     void unwritableStateIsTold();
@@ -176,6 +177,31 @@ void tst_DesktopUsage::refusalEndsTheCall()
     QVERIFY(!Files::contentOf(m_desktop->stateFile()).contains(id.toUtf8()));
     QVERIFY(QTest::qWaitFor(
         [this] { return sent().constFirst()["ending"_L1].toString() == "client-left"_L1; }));
+}
+
+// By which the service could tell that the new id is the old one's user.
+void tst_DesktopUsage::refusalForgetsCookies()
+{
+    const auto send = [this] {
+        m_desktop->click(u"Invia adesso"_s);
+        QVERIFY(m_desktop->waitForPage(page(agreed + u"\nDati inviati."_s)));
+    };
+    const auto hasCookie = [this] {
+        const QJsonValue request = sent().constLast()["request"_L1];
+        return QJsonDocument(request.toObject()).toJson().contains("chi=ada");
+    };
+    m_desktop->sandbox.setFaults(
+        uR"({"operation": "usage", "do": {"headers": {"Set-Cookie": "chi=ada"}}})"_s);
+    open();
+    m_desktop->click(choice);
+    send();
+    send();
+    QVERIFY(hasCookie());
+    m_desktop->click(choice);
+    m_desktop->click(choice);
+    send();
+    QVERIFY(!hasCookie());
+    QCOMPARE(sent().size(), 3);
 }
 
 void tst_DesktopUsage::outcomeIsTold_data()

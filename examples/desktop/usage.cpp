@@ -35,6 +35,8 @@ void Usage::setWanted(bool isWanted)
         return;
     if (!isWanted) {
         cancel();
+        // The service may know the client by its cookies.
+        giveUp();
         m_machineId = drawMachineId();
     }
     m_state->setMachineId(isWanted ? m_machineId : QString());
