@@ -171,10 +171,7 @@ void tst_DesktopBrowser::start()
     m_desktop->open();
     m_desktop->showPage(u"Acquisto"_s);
     QVERIFY(m_desktop->waitForLine(u"| Abbonamento annuale"_s));
-    m_desktop->selectPlan(u"Abbonamento annuale"_s);
-    m_desktop->type(u"Nome"_s, u"Ada"_s);
-    m_desktop->type(u"Cognome"_s, u"Rossi"_s);
-    m_desktop->type(u"E-mail"_s, u"ada@example.org"_s);
+    m_desktop->fillForm(u"Abbonamento annuale"_s);
     m_desktop->click(u"Acquista con PayPal"_s);
     QVERIFY2(m_desktop->waitForLine(started), qPrintable(m_desktop->page()));
     openInBrowser();

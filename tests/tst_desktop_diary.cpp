@@ -109,10 +109,7 @@ void tst_DesktopDiary::everyResultHasALine()
     QVERIFY(m_desktop->waitForLine(u"Versione 1.5.0 scaricata e verificata: "_s));
     m_desktop->showPage(u"Acquisto"_s);
     QVERIFY(m_desktop->waitForLine(u"| Abbonamento mensile"_s));
-    m_desktop->selectPlan(u"Abbonamento mensile"_s);
-    m_desktop->type(u"Nome"_s, u"Ada"_s);
-    m_desktop->type(u"Cognome"_s, u"Rossi"_s);
-    m_desktop->type(u"E-mail"_s, u"ada@example.org"_s);
+    m_desktop->fillForm(u"Abbonamento mensile"_s);
     m_desktop->click(u"Acquista con PayPal"_s);
     QVERIFY(m_desktop->waitForLine(u"Pagamento avviato."_s));
     m_desktop->click(u"Completa l'acquisto"_s);

@@ -431,10 +431,7 @@ void tst_DesktopFaults::prepare(const QString &operation)
         return;
     m_desktop->showPage(u"Acquisto"_s);
     QVERIFY(m_desktop->waitForPage(plansPage(plans)));
-    m_desktop->selectPlan(u"Abbonamento annuale"_s);
-    m_desktop->type(u"Nome"_s, u"Ada"_s);
-    m_desktop->type(u"Cognome"_s, u"Rossi"_s);
-    m_desktop->type(u"E-mail"_s, u"ada@example.org"_s);
+    m_desktop->fillForm(u"Abbonamento annuale"_s);
     if (operation == "buy"_L1)
         return;
     m_desktop->click(u"Acquista con PayPal"_s);

@@ -1402,10 +1402,7 @@ void tst_DesktopPurchase::open()
 
 void tst_DesktopPurchase::fillForm(const QString &plan)
 {
-    m_desktop->selectPlan(plan);
-    m_desktop->type(u"Nome"_s, u"Ada"_s);
-    m_desktop->type(u"Cognome"_s, u"Rossi"_s);
-    m_desktop->type(u"E-mail"_s, u"ada@example.org"_s);
+    m_desktop->fillForm(plan);
 }
 
 void tst_DesktopPurchase::buy(const QString &plan)

@@ -308,10 +308,7 @@ void tst_DesktopWindow::nothingIsClipped()
     QApplication::setFont(font);
     openPage(page, true);
     if (page == purchase) {
-        m_desktop->selectPlan(u"Abbonamento annuale"_s);
-        m_desktop->type(u"Nome"_s, u"Ada"_s);
-        m_desktop->type(u"Cognome"_s, u"Rossi"_s);
-        m_desktop->type(u"E-mail"_s, u"ada@example.org"_s);
+        m_desktop->fillForm(u"Abbonamento annuale"_s);
         m_desktop->click(u"Acquista con PayPal"_s);
         QVERIFY(m_desktop->waitForLine(u"Pagamento avviato."_s));
     }
@@ -356,10 +353,7 @@ void tst_DesktopWindow::hasNoPanelOfFaults()
 void tst_DesktopWindow::opensOnPendingPurchase()
 {
     openPage(purchase);
-    m_desktop->selectPlan(u"Licenza perpetua"_s);
-    m_desktop->type(u"Nome"_s, u"Ada"_s);
-    m_desktop->type(u"Cognome"_s, u"Rossi"_s);
-    m_desktop->type(u"E-mail"_s, u"ada@example.org"_s);
+    m_desktop->fillForm(u"Licenza perpetua"_s);
     m_desktop->click(u"Acquista con PayPal"_s);
     QVERIFY(m_desktop->waitForLine(u"Pagamento avviato."_s));
     m_desktop->open();

@@ -39,10 +39,7 @@ public:
 
         m_desktop.showPage(u"Acquisto"_s);
         waitFor(u"| Abbonamento"_s);
-        m_desktop.selectPlan(u"Abbonamento annuale"_s);
-        m_desktop.type(u"Nome"_s, u"Ada"_s);
-        m_desktop.type(u"Cognome"_s, u"Rossi"_s);
-        m_desktop.type(u"E-mail"_s, u"ada.rossi@example.org"_s);
+        m_desktop.fillForm(u"Abbonamento annuale"_s);
         take(u"purchase"_s);
         m_desktop.click(u"Acquista con PayPal"_s);
         waitFor(u"Pagamento avviato."_s);

@@ -245,6 +245,14 @@ void Desktop::selectPlan(const QString &name)
     QCOMPARE(table->selectionModel()->selectedRows().value(0), found.first());
 }
 
+void Desktop::fillForm(const QString &plan)
+{
+    selectPlan(plan);
+    type(u"Nome"_s, u"Ada"_s);
+    type(u"Cognome"_s, u"Rossi"_s);
+    type(u"E-mail"_s, u"ada@example.org"_s);
+}
+
 void Desktop::startScenario(const QString &name)
 {
     auto *names = panel()->findChild<QComboBox *>();

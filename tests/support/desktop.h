@@ -73,6 +73,8 @@ public:
     void click(const QString &text);
     void type(const QString &field, const QString &text);
     void selectPlan(const QString &name);
+    // The plan, and Ada Rossi, ada@example.org, as its buyer.
+    void fillForm(const QString &plan);
     // By the panel of faults, until the sandbox has taken it.
     void startScenario(const QString &name);
 
