@@ -3,6 +3,7 @@
 
 #include "corvane.h"
 
+#include <QtCore/qjsondocument.h>
 #include <QtCore/qmetaobject.h>
 #include <QtCore/qtemporarydir.h>
 #include <QtNetwork/qnetworkaccessmanager.h>
@@ -119,55 +120,84 @@ void tst_Host_1_0::recordsKeepTheirSizes()
              qsizetype(sizeof(PurchaseCaptureInfo)));
 }
 
+// Long texts, which stay nowhere but in memory of their own, and numbers that fill their fields.
 void tst_Host_1_0::recordsKeepTheirFields()
 {
     Corvane client;
     callAll(client);
     int count = 0;
-    connect(&client, &Corvane::updateChecked, this, [&count](const UpdateInfo &update) {
+    const auto reply = [&client](Corvane::Operation operation, const QJsonObject &body) {
+        client.handleReply(new EndedReply(QJsonDocument(body).toJson(), &client), operation);
+    };
+
+    QJsonObject release{{u"product_code"_s, u"DEMO-EDIZIONE-PROFESSIONALE"_s},
+                        {u"version"_s, u"1.5.0-anteprima.20260131+perché"_s},
+                        {u"download_url"_s, u"https://example.org/releases/demo-1.5.0.bin"_s},
+                        {u"stable_download_url"_s, u"https://example.org/stabile/demo.bin"_s},
+                        {u"sha256"_s, u"0123456789abcdef0123456789abcdef0123456789abcdef"_s},
+                        {u"notes"_s, u"Novità: più veloce, già tradotto, così com'è. ☕ 日本語"_s}};
+    QJsonObject checked{{u"success"_s, true}, {u"release"_s, release}};
+    const auto atUpdate = [&](const UpdateInfo &update) {
         ++count;
-        QCOMPARE(update.updateAvailable, true);
-        QCOMPARE(update.productCode, u"a"_s);
+        QCOMPARE(update.updateAvailable, update.latestVersion != u"1.4.0"_s);
+        QCOMPARE(update.productCode, release.value("product_code"_L1).toString());
         QCOMPARE(update.currentVersion, u"1.4.0"_s);
-        QCOMPARE(update.latestVersion, u"b"_s);
-        QCOMPARE(update.downloadUrl, u"c"_s);
-        QCOMPARE(update.stableDownloadUrl, u"d"_s);
-        QCOMPARE(update.sha256, u"e"_s);
-        QCOMPARE(update.notes, u"f"_s);
-        QCOMPARE(update.raw.size(), 2);
-    });
-    client.handleReply(new EndedReply(R"({"success": true, "release": {
-                           "product_code": "a", "version": "b", "download_url": "c",
-                           "stable_download_url": "d", "sha256": "e", "notes": "f"}})",
-                                      &client),
-                       Corvane::UpdateCheck);
-    connect(&client, &Corvane::purchaseStarted, this, [&count](const PurchaseStartInfo &purchase) {
+        QCOMPARE(update.latestVersion, release.value("version"_L1).toString());
+        QCOMPARE(update.downloadUrl, release.value("download_url"_L1).toString());
+        QCOMPARE(update.stableDownloadUrl, release.value("stable_download_url"_L1).toString());
+        QCOMPARE(update.sha256, release.value("sha256"_L1).toString());
+        QCOMPARE(update.notes, release.value("notes"_L1).toString());
+        QCOMPARE(update.raw, checked);
+    };
+    connect(&client, &Corvane::updateChecked, this, atUpdate);
+    reply(Corvane::UpdateCheck, checked);
+    release.insert(u"version"_s, u"1.4.0"_s);
+    checked.insert(u"release"_s, release);
+    reply(Corvane::UpdateCheck, checked);
+    QCOMPARE(count, 2);
+
+    const QJsonObject error{{u"message"_s, u"Il pagamento è già stato respinto perché scaduto."_s}};
+    QJsonObject started{{u"success"_s, true},
+                        {u"payment_id"_s, 2147483647},
+                        {u"license_id"_s, -2147483647},
+                        {u"license_key"_s, u"CHIAVE-DI-LICENZA-0123-4567-89AB-È"_s},
+                        {u"paypal_order_id"_s, u"ORDINE-0123456789ABCDEFGHIJ"_s},
+                        {u"approval_url"_s, u"https://example.org/approvazione?ordine=01234"_s},
+                        {u"error"_s, error}};
+    const auto atStart = [&](const PurchaseStartInfo &purchase) {
         ++count;
-        QCOMPARE(purchase.success, true);
-        QCOMPARE(purchase.paymentId, 1);
-        QCOMPARE(purchase.licenseId, 2);
-        QCOMPARE(purchase.licenseKey, u"a"_s);
-        QCOMPARE(purchase.paypalOrderId, u"b"_s);
-        QCOMPARE(purchase.approvalUrl, u"c"_s);
-        QCOMPARE(purchase.message, u"Pagamento avviato."_s);
-        QCOMPARE(purchase.raw.size(), 6);
-    });
-    client.handleReply(
-        new EndedReply(R"({"success": true, "payment_id": 1, "license_id": 2, "license_key": "a",
-                           "paypal_order_id": "b", "approval_url": "c"})",
-                       &client),
-        Corvane::PurchaseStart);
-    connect(&client, &Corvane::purchaseCaptured, this,
-            [&count](const PurchaseCaptureInfo &capture) {
-                ++count;
-                QCOMPARE(capture.paid, true);
-                QCOMPARE(capture.licenseId, 2);
-                QCOMPARE(capture.message, u"Pagamento completato."_s);
-                QCOMPARE(capture.raw.size(), 2);
-            });
-    client.handleReply(new EndedReply(R"({"paid": true, "license_id": 2})", &client),
-                       Corvane::PurchaseCapture);
-    QCOMPARE(count, 3);
+        const bool success = started.value("success"_L1).toBool();
+        QCOMPARE(purchase.success, success);
+        QCOMPARE(purchase.paymentId, 2147483647);
+        QCOMPARE(purchase.licenseId, -2147483647);
+        QCOMPARE(purchase.licenseKey, started.value("license_key"_L1).toString());
+        QCOMPARE(purchase.paypalOrderId, started.value("paypal_order_id"_L1).toString());
+        QCOMPARE(purchase.approvalUrl, started.value("approval_url"_L1).toString());
+        QCOMPARE(purchase.message,
+                 success ? u"Pagamento avviato."_s : error.value("message"_L1).toString());
+        QCOMPARE(purchase.raw, started);
+    };
+    connect(&client, &Corvane::purchaseStarted, this, atStart);
+    reply(Corvane::PurchaseStart, started);
+    started.insert(u"success"_s, false);
+    reply(Corvane::PurchaseResume, started);
+    QCOMPARE(count, 4);
+
+    QJsonObject captured{{u"paid"_s, true}, {u"license_id"_s, 2147483647}, {u"error"_s, error}};
+    const auto atCapture = [&](const PurchaseCaptureInfo &capture) {
+        ++count;
+        const bool paid = captured.value("paid"_L1).toBool();
+        QCOMPARE(capture.paid, paid);
+        QCOMPARE(capture.licenseId, 2147483647);
+        QCOMPARE(capture.message,
+                 paid ? u"Pagamento completato."_s : error.value("message"_L1).toString());
+        QCOMPARE(capture.raw, captured);
+    };
+    connect(&client, &Corvane::purchaseCaptured, this, atCapture);
+    reply(Corvane::PurchaseCapture, captured);
+    captured.insert(u"paid"_s, false);
+    reply(Corvane::PurchaseCapture, captured);
+    QCOMPARE(count, 6);
 }
 
 // A later release may add signals behind these.
