@@ -85,7 +85,7 @@ function(test_package)
     string(REGEX MATCH "^[0-9]+" major "${VERSION}")
     math(EXPR next "${major} + 1")
     math(EXPR former "${major} - 1")
-    foreach(other IN ITEMS ${next}.0 ${former}.0)
+    foreach(other IN ITEMS ${next}.0 ${former}.0 ${major}.99)
         refused("compatible with requested version \"${other}\"" ${refused_configure} -DCORVANE_WANTED=${other})
     endforeach()
     refused("Corvane_FOUND to FALSE" ${refused_configure} -DCOMPONENTS=Unheard)
@@ -95,6 +95,11 @@ function(test_pkgconfig)
     pkg_config(version --modversion corvane)
     if(NOT version STREQUAL VERSION)
         message(FATAL_ERROR "pkg-config: version ${version} instead of ${VERSION}")
+    endif()
+    # Linkers find the system's own folder without being told.
+    pkg_config(libdir --variable=libdir corvane)
+    if(NOT EXISTS "${libdir}/libCorvane.so")
+        message(FATAL_ERROR "pkg-config: no library in ${libdir}")
     endif()
     pkg_config(flags --cflags --libs corvane)
     separate_arguments(own_flags UNIX_COMMAND "${CXX_FLAGS}")
@@ -114,15 +119,20 @@ function(test_host)
         "PATH=${PREFIX}/bin:${PREFIX}/share/corvane-sandbox:$ENV{PATH}"
         "${SOURCE_DIR}/tests/consumer-host/run-tests" "${WORK_DIR}/build/tst_host")
 
-    # What a build without the sandbox does not install.
-    file(GLOB targets "${PREFIX}/${LIBDIR}/cmake/Corvane/CorvaneSandboxTargets*.cmake")
-    if(NOT targets)
+    # What a build without the tools does not install, nor the packages without corvane-tools.
+    file(GLOB targets "${PREFIX}/${LIBDIR}/cmake/Corvane/Corvane*Targets*.cmake")
+    list(FILTER targets INCLUDE REGEX "/Corvane(Cli|Sandbox)Targets")
+    if(NOT targets MATCHES "/CorvaneSandboxTargets")
         message(FATAL_ERROR "the sandbox's targets are not installed")
     endif()
     file(REMOVE ${targets})
     run(${configure} -S "${SOURCE_DIR}/tests/consumer" -B "${WORK_DIR}/without")
-    refused("built without its sandbox: build it with -DCORVANE_SANDBOX=ON"
-        ${configure} -S "${SOURCE_DIR}/tests/consumer-host" -B "${WORK_DIR}/refused")
+    foreach(component IN ITEMS Cli Sandbox)
+        string(TOUPPER "${component}" option)
+        refused("${component} is not installed: build Corvane with -DCORVANE_${option}=ON, or install corvane-tools\\."
+            ${configure} --fresh -S "${SOURCE_DIR}/tests/consumer" -B "${WORK_DIR}/refused"
+            -DCOMPONENTS=${component})
+    endforeach()
 endfunction()
 
 function(test_qml)
