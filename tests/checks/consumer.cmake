@@ -91,6 +91,26 @@ function(test_package)
     refused("Corvane_FOUND to FALSE" ${refused_configure} -DCOMPONENTS=Unheard)
 endfunction()
 
+# test_inside(ARGUMENT...): the host decides whether Corvane is installed with it.
+function(test_inside)
+    configure_and_build(consumer ${ARGN})
+    run_consumers()
+
+    # The tools are not built: to install them would fail.
+    run(${CMAKE_COMMAND} "-DCORVANE_CLI=${CLI}" "-DCORVANE_SANDBOX=${SANDBOX}" "${WORK_DIR}/build")
+    run(${CMAKE_COMMAND} --install "${WORK_DIR}/build" --prefix "${WORK_DIR}/without")
+    file(GLOB_RECURSE files RELATIVE "${WORK_DIR}/without" "${WORK_DIR}/without/*")
+    if(NOT files STREQUAL "bin/consumer17")
+        message(FATAL_ERROR "installed instead of the host alone: ${files}")
+    endif()
+
+    run(${CMAKE_COMMAND} -DCORVANE_CLI=OFF -DCORVANE_SANDBOX=OFF -DCORVANE_INSTALL=ON "${WORK_DIR}/build")
+    run(${CMAKE_COMMAND} --install "${WORK_DIR}/build" --prefix "${WORK_DIR}/with")
+    if(NOT EXISTS "${WORK_DIR}/with/include/corvane/Corvane")
+        message(FATAL_ERROR "not installed with the host, though asked for")
+    endif()
+endfunction()
+
 function(test_pkgconfig)
     pkg_config(version --modversion corvane)
     if(NOT version STREQUAL VERSION)
@@ -168,8 +188,7 @@ set(configure ${CMAKE_COMMAND} -G "${GENERATOR}" "-DCMAKE_PREFIX_PATH=${PREFIX}"
     "-DCMAKE_CXX_COMPILER=${CXX}" "-DCMAKE_CXX_FLAGS=${CXX_FLAGS}")
 if(MODE MATCHES "^(source|fetch)$")
     string(TOUPPER "${MODE}" how)
-    configure_and_build(consumer "-DCORVANE_${how}=${SOURCE_DIR}")
-    run_consumers()
+    test_inside("-DCORVANE_${how}=${SOURCE_DIR}")
 else()
     set(ENV{PKG_CONFIG_PATH} "${PREFIX}/${LIBDIR}/pkgconfig")
     cmake_language(CALL test_${MODE})
