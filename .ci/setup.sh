@@ -12,6 +12,14 @@ step() {
     printf '\n\033[1m== %s\033[0m\n' "$*" | if [ -t 1 ]; then cat; else sed 's/\x1b\[[0-9]*m//g'; fi
 }
 
+# leave_out REASON: ends a stage that this system cannot run. ./check goes on, and says so in the end,
+# unless it was asked for that stage.
+leave_out() {
+    mkdir -p build
+    echo "${0##*/} $*" | tee build/left-out >&2
+    exit 1
+}
+
 # installed COMMAND: servers may be where only root looks.
 installed() {
     PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin command -v "$1" >/dev/null
