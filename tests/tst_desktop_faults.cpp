@@ -97,7 +97,8 @@ QList<Case> cases()
 
         {u"no-plans"_s, u"plans"_s, noPlans},
         {u"payment-declined"_s, u"complete"_s, u"Il pagamento è stato rifiutato."_s},
-        {u"duplicate-capture"_s, u"complete"_s, u"Questo ordine è già stato pagato."_s},
+        {u"duplicate-capture"_s, u"complete"_s,
+         u"Questo ordine è già stato pagato."_s + perhapsCharged},
         {u"lost-payment-reply"_s, u"complete"_s, words + perhapsCharged},
         {u"expired-licence"_s, u"resume"_s, u"La licenza è scaduta."_s},
         {u"expired-licence"_s, u"usage"_s, notAccepted + u"La licenza è scaduta."_s},

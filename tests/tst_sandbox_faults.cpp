@@ -671,6 +671,9 @@ void tst_SandboxFaults::scenarioIsWhatItSays()
     QCOMPARE(outcomeOf(client, call, started).status, status);
     QCOMPARE(log.settled().size(), 1);
     QVERIFY2(log.lines().constFirst().contains(text), qPrintable(log.lines().constFirst()));
+    // Not "paid": false, by which the service would say that nothing was taken.
+    if (scenario == "duplicate-capture"_L1)
+        QVERIFY(!log.lines().constFirst().contains("\"paid\""_L1));
     if (scenario == "lost-payment-reply"_L1) {
         const QJsonObject state = m_sandbox->get(u"/sandbox/state"_s).json();
         QCOMPARE(state.value("payments"_L1).toArray().size(), 1);
