@@ -1,7 +1,7 @@
 # Sourced by ./demo, ./check and its stages: shows the steps, and installs what they need.
 
 # command:package; without a command, what only Debian has, or a part of Qt that the configure step looks for.
-tools=(c++:g++ cmake:cmake ninja:ninja-build curl:curl sqlite3:sqlite3
+tools=(c++:g++ cmake:cmake ninja:ninja-build curl:curl sqlite3:sqlite3 python3:python3
     nginx:nginx-light tinyproxy:tinyproxy-bin microsocks:microsocks openssl:openssl
     :qt6-base-dev :libqt6sql6-sqlite)
 

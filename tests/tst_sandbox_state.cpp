@@ -181,17 +181,6 @@ private:
     bool m_isDone = false;
 };
 
-// The blocks of a document that are fenced as being of the language.
-QStringList blocksOf(const QString &document, const QString &language)
-{
-    const QRegularExpression fence(u"```%1\\n(.*?)```\\n"_s.arg(language),
-                                   QRegularExpression::DotMatchesEverythingOption);
-    QStringList blocks;
-    for (const QRegularExpressionMatch &match : fence.globalMatch(document))
-        blocks.append(match.captured(1));
-    return blocks;
-}
-
 } // namespace
 
 class tst_SandboxState : public QObject
@@ -228,8 +217,6 @@ private Q_SLOTS:
     void lockedDatabaseFailsOneRequest();
     void fullDiskLosesNothingAcknowledged();
 
-    void documentQuotesTheExample();
-    void documentedQueriesAnswerAsDocumented();
     void documentNamesEveryColumn();
 
 private:
@@ -961,27 +948,6 @@ void tst_SandboxState::fullDiskLosesNothingAcknowledged()
     QCOMPARE(query(u"SELECT machine_fingerprint FROM usage_events ORDER BY id"_s),
              machines + QStringList{u"last"_s});
     QCOMPARE(query(u"PRAGMA integrity_check"_s), QStringList{u"ok"_s});
-}
-
-void tst_SandboxState::documentQuotesTheExample()
-{
-    const QString document =
-        QString::fromUtf8(Files::contentOf(sourceDir + "/docs/sandbox-data.md"_L1));
-    QCOMPARE(blocksOf(document, u"json"_s),
-             QStringList{QString::fromUtf8(Files::contentOf(exampleData))});
-}
-
-void tst_SandboxState::documentedQueriesAnswerAsDocumented()
-{
-    started({u"--data"_s, exampleData});
-    const QString document =
-        QString::fromUtf8(Files::contentOf(sourceDir + "/docs/sandbox-data.md"_L1));
-    const QStringList queries = blocksOf(document, u"sql"_s);
-    const QStringList answers = blocksOf(document, u"text"_s);
-    QVERIFY(queries.size() >= 3);
-    QCOMPARE(answers.size(), queries.size());
-    for (qsizetype i = 0; i < queries.size(); ++i)
-        QCOMPARE(query(queries.at(i)).join(u'\n') + u'\n', answers.at(i));
 }
 
 void tst_SandboxState::documentNamesEveryColumn()
