@@ -5,6 +5,8 @@ UpdateChecker::UpdateChecker()
     connect(&m_client, &Corvane::updateChecked, this, [this](const UpdateInfo &update) {
         if (update.updateAvailable)
             Q_EMIT updateAvailable(update.latestVersion, QUrl(update.downloadUrl));
+        else if (update.latestVersion.isEmpty())
+            Q_EMIT failed(QStringLiteral("Il servizio non indica alcuna versione."));
         else
             Q_EMIT upToDate();
     });
