@@ -43,7 +43,8 @@ QStringList pagesIn(const QString &folder = {})
 {
     const QDir dir(QStringLiteral(SOURCE_DIR "/") + folder);
     QStringList pages = dir.entryList({u"*.md"_s}, QDir::Files);
-    pages.replaceInStrings(QRegularExpression(u"^"_s), folder);
+    for (QString &page : pages)
+        page.prepend(folder);
     const QStringList folders = dir.entryList(QDir::Dirs | QDir::NoDotAndDotDot | QDir::NoSymLinks);
     for (const QString &name : folders) {
         if (name != "build"_L1 && name != "node_modules"_L1)
