@@ -16,7 +16,7 @@ void Corvane::fetchPurchasePlans()
 
     QUrl url = endpoint(u"/api/v1/purchase/plans"_s);
     // Encoded down to the unreserved characters: no product code can add a second query item.
-    url.setQuery(QString::fromUtf8("product_code=" + QUrl::toPercentEncoding(m_productCode)),
+    url.setQuery(QString::fromUtf8("product_code="_ba + QUrl::toPercentEncoding(m_productCode)),
                  QUrl::TolerantMode);
     connectReply(m_network->get(QNetworkRequest(url)), PurchasePlans);
 }
